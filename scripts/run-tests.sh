@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Every test tier: formatting, the debug build's tests, and the same tests
+# under AddressSanitizer and UndefinedBehaviorSanitizer. Exits non-zero on the
+# first failure.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/install-deps.sh
+
+echo "== format"
+git ls-files -- 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp' 'tools/*.cpp' 'tools/*.h' 'fuzz/*.cpp' \
+  | xargs -r clang-format --dry-run -Werror
+
+for preset in debug asan; do
+  echo "== build and test: $preset"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset"
+  ctest --preset "$preset" -j2
+done
+
+echo "== release build (benchmarks)"
+cmake --preset release >/dev/null
+cmake --build --preset release

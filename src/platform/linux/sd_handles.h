@@ -1,0 +1,51 @@
+#pragma once
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <memory>
+
+namespace tessary::linux_backend {
+
+// Owning handles for libsystemd objects.
+struct SdEventUnref {
+    void operator()(sd_event* e) const { sd_event_unref(e); }
+};
+struct SdEventSourceUnref {
+    // Disabling first guarantees the callback can never run again, even if
+    // libsystemd keeps the object alive a little longer.
+    void operator()(sd_event_source* s) const { sd_event_source_disable_unref(s); }
+};
+struct SdBusUnref {
+    void operator()(sd_bus* b) const { sd_bus_flush_close_unref(b); }
+};
+struct SdBusMessageUnref {
+    void operator()(sd_bus_message* m) const { sd_bus_message_unref(m); }
+};
+struct SdBusSlotUnref {
+    void operator()(sd_bus_slot* s) const { sd_bus_slot_unref(s); }
+};
+
+using SdEventPtr = std::unique_ptr<sd_event, SdEventUnref>;
+using SdEventSourcePtr = std::unique_ptr<sd_event_source, SdEventSourceUnref>;
+using SdBusPtr = std::unique_ptr<sd_bus, SdBusUnref>;
+using SdBusMessagePtr = std::unique_ptr<sd_bus_message, SdBusMessageUnref>;
+using SdBusSlotPtr = std::unique_ptr<sd_bus_slot, SdBusSlotUnref>;
+
+// sd_bus_error is a value with owned strings inside.
+class SdBusError {
+  public:
+    SdBusError() = default;
+    SdBusError(const SdBusError&) = delete;
+    SdBusError& operator=(const SdBusError&) = delete;
+    ~SdBusError() { sd_bus_error_free(&error_); }
+    sd_bus_error* get() { return &error_; }
+    const char* name() const { return error_.name; }
+    const char* message() const { return error_.message; }
+    bool isSet() const { return sd_bus_error_is_set(&error_) != 0; }
+
+  private:
+    sd_bus_error error_ = SD_BUS_ERROR_NULL;
+};
+
+}  // namespace tessary::linux_backend

@@ -1,0 +1,282 @@
+#include "plist/codec.h"
+
+#include <plist/plist.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <string_view>
+#include <type_traits>
+
+namespace tessary::plist {
+
+namespace {
+
+struct NodeFree {
+    void operator()(plist_t node) const { plist_free(node); }
+};
+using NodePtr = std::unique_ptr<std::remove_pointer_t<plist_t>, NodeFree>;
+
+// plist_to_xml and plist_to_bin hand out malloc'd buffers.
+struct MallocFree {
+    void operator()(void* p) const { std::free(p); }  // NOLINT(cppcoreguidelines-no-malloc)
+};
+using BufferPtr = std::unique_ptr<char, MallocFree>;
+
+// 978307200 seconds lie between the Unix epoch and the property-list epoch;
+// libplist works in the latter already, so only the split matters here.
+constexpr std::int64_t kMicrosPerSecond = 1000000;
+
+Error decodeError(std::string what) {
+    return Error{"TYPropertyListErrorDomain", 3840, std::move(what)};
+}
+Error encodeError(std::string what) {
+    return Error{"TYPropertyListErrorDomain", 3851, std::move(what)};
+}
+
+bool isBinary(std::string_view bytes) {
+    return bytes.substr(0, 8) == "bplist00";
+}
+
+// libplist accepts some XML documents cut short inside their last closing
+// tag. A complete document ends with "</plist>" and white space only.
+bool xmlIsComplete(std::string_view text) {
+    std::size_t end = text.size();
+    while (end > 0) {
+        const char c = text[end - 1];
+        if (c != ' ' && c != '\t' && c != '\r' && c != '\n' && c != '\0') {
+            break;
+        }
+        --end;
+    }
+    constexpr std::string_view kClose = "</plist>";
+    return end >= kClose.size() && text.substr(end - kClose.size(), kClose.size()) == kClose;
+}
+
+// libplist 2.2 keeps every integer as 64 bits and marks the ones read as
+// unsigned 128-bit values internally without saying so through its API; its
+// XML writer shows the mark as a missing minus sign.
+bool nodeIsUnsigned(plist_t node) {
+    NodePtr copy(plist_copy(node));
+    char* xml = nullptr;
+    std::uint32_t len = 0;
+    plist_to_xml(copy.get(), &xml, &len);
+    BufferPtr owned(xml);
+    if (xml == nullptr) {
+        return false;
+    }
+    return std::string_view(xml, len).find("<integer>-") == std::string_view::npos;
+}
+
+Result<Value> fromNode(plist_t node, int depth) {
+    if (depth > kMaxNesting) {
+        return decodeError("property list nested too deeply");
+    }
+    switch (plist_get_node_type(node)) {
+        case PLIST_BOOLEAN: {
+            std::uint8_t b = 0;
+            plist_get_bool_val(node, &b);
+            return Value::boolean(b != 0);
+        }
+        case PLIST_UINT: {
+            std::uint64_t u = 0;
+            plist_get_uint_val(node, &u);
+            if (u > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()) &&
+                nodeIsUnsigned(node)) {
+                return Value::unsignedInteger(u);
+            }
+            return Value::integer(static_cast<std::int64_t>(u));
+        }
+        case PLIST_REAL: {
+            double d = 0;
+            plist_get_real_val(node, &d);
+            return Value::real(d);
+        }
+        case PLIST_STRING: {
+            std::uint64_t len = 0;
+            const char* p = plist_get_string_ptr(node, &len);
+            return Value(std::string(p != nullptr ? p : "", p != nullptr ? len : 0));
+        }
+        case PLIST_DATA: {
+            std::uint64_t len = 0;
+            const char* p = plist_get_data_ptr(node, &len);
+            const auto* b = reinterpret_cast<const std::uint8_t*>(p);
+            return Value::data(p != nullptr ? Bytes(b, b + len) : Bytes{});
+        }
+        case PLIST_DATE: {
+            std::int32_t sec = 0;
+            std::int32_t usec = 0;
+            plist_get_date_val(node, &sec, &usec);
+            return Value::date(Date{std::int64_t{sec} * kMicrosPerSecond + usec});
+        }
+        case PLIST_ARRAY: {
+            Array out;
+            const std::uint32_t n = plist_array_get_size(node);
+            out.reserve(n);
+            for (std::uint32_t i = 0; i < n; ++i) {
+                auto item = fromNode(plist_array_get_item(node, i), depth + 1);
+                if (!item) {
+                    return item.error();
+                }
+                out.push_back(std::move(item).value());
+            }
+            return Value(std::move(out));
+        }
+        case PLIST_DICT: {
+            Dictionary out;
+            plist_dict_iter it = nullptr;
+            plist_dict_new_iter(node, &it);
+            std::unique_ptr<void, MallocFree> ownedIter(it);
+            for (;;) {
+                char* key = nullptr;
+                plist_t item = nullptr;
+                plist_dict_next_item(node, it, &key, &item);
+                BufferPtr ownedKey(key);
+                if (item == nullptr) {
+                    break;
+                }
+                auto v = fromNode(item, depth + 1);
+                if (!v) {
+                    return v.error();
+                }
+                out.insert_or_assign(std::string(key != nullptr ? key : ""), std::move(v).value());
+            }
+            return Value(std::move(out));
+        }
+        default:
+            return decodeError("property list holds a value of an unsupported type");
+    }
+}
+
+Result<NodePtr> toNode(const Value& v, int depth) {
+    if (depth > kMaxNesting) {
+        return encodeError("property list nested too deeply");
+    }
+    switch (v.type()) {
+        case Value::Type::Boolean:
+            return NodePtr(plist_new_bool(*v.asBoolean() ? 1 : 0));
+        case Value::Type::Integer: {
+            const Integer i = *v.asInteger();
+            if (!i.isUnsigned) {
+                return NodePtr(plist_new_uint(i.bits));
+            }
+            // libplist only makes an unsigned 128-bit integer when it reads one.
+            char xml[128];
+            const int n = std::snprintf(
+                xml, sizeof xml, "<plist version=\"1.0\"><integer>%" PRIu64 "</integer></plist>",
+                i.bits);
+            plist_t node = nullptr;
+            plist_from_xml(xml, static_cast<std::uint32_t>(n), &node);
+            if (node == nullptr) {
+                return encodeError("unsigned integer could not be represented");
+            }
+            return NodePtr(node);
+        }
+        case Value::Type::Real:
+            return NodePtr(plist_new_real(*v.asReal()));
+        case Value::Type::Date: {
+            const std::int64_t micros = v.asDate()->microseconds;
+            std::int64_t sec = micros / kMicrosPerSecond;
+            std::int64_t usec = micros % kMicrosPerSecond;
+            if (usec < 0) {
+                usec += kMicrosPerSecond;
+                sec -= 1;
+            }
+            if (sec < std::numeric_limits<std::int32_t>::min() ||
+                sec > std::numeric_limits<std::int32_t>::max()) {
+                return encodeError("date out of range");
+            }
+            return NodePtr(
+                plist_new_date(static_cast<std::int32_t>(sec), static_cast<std::int32_t>(usec)));
+        }
+        case Value::Type::String: {
+            const std::string& s = *v.string();
+            if (s.find('\0') != std::string::npos) {
+                return encodeError("string holds a NUL character");
+            }
+            return NodePtr(plist_new_string(s.c_str()));
+        }
+        case Value::Type::Data: {
+            const Bytes& b = *v.data();
+            return NodePtr(plist_new_data(reinterpret_cast<const char*>(b.data()), b.size()));
+        }
+        case Value::Type::Array: {
+            NodePtr out(plist_new_array());
+            for (const Value& e : *v.array()) {
+                auto item = toNode(e, depth + 1);
+                if (!item) {
+                    return item.error();
+                }
+                plist_array_append_item(out.get(), item.value().release());
+            }
+            return out;
+        }
+        case Value::Type::Dictionary: {
+            NodePtr out(plist_new_dict());
+            for (const auto& [k, e] : *v.dictionary()) {
+                if (k.find('\0') != std::string::npos) {
+                    return encodeError("dictionary key holds a NUL character");
+                }
+                auto item = toNode(e, depth + 1);
+                if (!item) {
+                    return item.error();
+                }
+                plist_dict_set_item(out.get(), k.c_str(), item.value().release());
+            }
+            return out;
+        }
+    }
+    return encodeError("unknown value type");
+}
+
+}  // namespace
+
+Result<Value> decode(std::string_view bytes) {
+    if (bytes.empty()) {
+        return decodeError("no property list: the data is empty");
+    }
+    if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
+        return decodeError("property list too large");
+    }
+    const bool binary = isBinary(bytes);
+    if (!binary && !xmlIsComplete(bytes)) {
+        return decodeError("not a property list: XML document incomplete or not a plist");
+    }
+    plist_t root = nullptr;
+    plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &root);
+    NodePtr owned(root);
+    if (root == nullptr) {
+        return decodeError(binary ? "binary property list is damaged"
+                                  : "XML property list does not parse");
+    }
+    return fromNode(root, 0);
+}
+
+Result<Value> decode(std::span<const std::uint8_t> bytes) {
+    return decode(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+}
+
+Result<Bytes> encode(const Value& value, Format format) {
+    auto node = toNode(value, 0);
+    if (!node) {
+        return node.error();
+    }
+    char* out = nullptr;
+    std::uint32_t len = 0;
+    if (format == Format::Xml) {
+        plist_to_xml(node.value().get(), &out, &len);
+    } else {
+        plist_to_bin(node.value().get(), &out, &len);
+    }
+    BufferPtr owned(out);
+    if (out == nullptr) {
+        return encodeError("property list could not be written");
+    }
+    const auto* b = reinterpret_cast<const std::uint8_t*>(out);
+    return Bytes(b, b + len);
+}
+
+}  // namespace tessary::plist

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cerrno>
+#include <set>
+#include <string>
+
+#include "platform/linux/posix_file_operations.h"
+
+namespace tessary::testing {
+
+// The real file operations, with chosen operations made to fail the way the
+// kernel would (a full disk, a read-only directory).
+class FaultyFileOperations final : public FileOperations {
+  public:
+    enum class Op { Read, Write, SetPermissions, CreateDirectory, Copy, Move, Remove };
+
+    void fail(Op op, int err = EIO) { failures_[op] = err; }
+    void heal() { failures_.clear(); }
+
+    bool exists(const std::string& p) override { return real_.exists(p); }
+    Result<plist::Bytes> readFile(const std::string& p) override {
+        if (auto e = failure(Op::Read, p)) {
+            return *e;
+        }
+        return real_.readFile(p);
+    }
+    Status writeFileAtomically(const std::string& p, const plist::Bytes& b) override {
+        if (auto e = failure(Op::Write, p)) {
+            return *e;
+        }
+        return real_.writeFileAtomically(p, b);
+    }
+    Status setPermissions(const std::string& p, std::uint32_t mode) override {
+        if (auto e = failure(Op::SetPermissions, p)) {
+            return *e;
+        }
+        return real_.setPermissions(p, mode);
+    }
+    Status createDirectory(const std::string& p, bool i, std::optional<std::uint32_t> m) override {
+        if (auto e = failure(Op::CreateDirectory, p)) {
+            return *e;
+        }
+        return real_.createDirectory(p, i, m);
+    }
+    Status copyFile(const std::string& f, const std::string& t) override {
+        if (auto e = failure(Op::Copy, f)) {
+            return *e;
+        }
+        return real_.copyFile(f, t);
+    }
+    Status moveItem(const std::string& f, const std::string& t) override {
+        if (auto e = failure(Op::Move, f)) {
+            return *e;
+        }
+        return real_.moveItem(f, t);
+    }
+    Status removeItem(const std::string& p) override {
+        if (auto e = failure(Op::Remove, p)) {
+            return *e;
+        }
+        return real_.removeItem(p);
+    }
+    Result<std::vector<std::string>> listDirectory(const std::string& p) override {
+        return real_.listDirectory(p);
+    }
+    Result<FileAttributes> attributes(const std::string& p) override { return real_.attributes(p); }
+
+  private:
+    std::optional<Error> failure(Op op, const std::string& path) const {
+        auto it = failures_.find(op);
+        if (it == failures_.end()) {
+            return std::nullopt;
+        }
+        return Error::posix(it->second, "Unable to touch '" + path + "'");
+    }
+    linux_backend::PosixFileOperations real_;
+    std::map<Op, int> failures_;
+};
+
+}  // namespace tessary::testing

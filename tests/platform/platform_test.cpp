@@ -1,0 +1,135 @@
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "base/unique_fd.h"
+#include "doubles/fake_main_queue.h"
+#include "platform/linux/posix_file_operations.h"
+#include "platform/linux/sd_event_queue.h"
+#include "platform/paths.h"
+#include "platform/system_log.h"
+#include "support/temp_dir.h"
+
+namespace tessary {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(LogFormat, ExpandsEachConversionOnce) {
+    const plist::Value label("com.example.a");
+    const Error err{"NSPOSIXErrorDomain", 28, "No space left on device"};
+    EXPECT_EQ(formatLogLine("ERROR: Failure writing preferences: %@", {err}),
+              "ERROR: Failure writing preferences: No space left on device");
+    EXPECT_EQ(formatLogLine("WARNING: Service %@ took %f seconds to stop", {label, 0.25}),
+              "WARNING: Service com.example.a took 0.250000 seconds to stop");
+    EXPECT_EQ(formatLogLine("SUBMIT: %s", {"a b"}), "SUBMIT: a b");
+    EXPECT_EQ(formatLogLine("Relkamport() failed: %d", {-60001}), "Relkamport() failed: -60001");
+    // The stray ".:" stays as written, and "%" of arguments is not reparsed.
+    EXPECT_EQ(
+        formatLogLine("WARNING: Failed to notify user of incompatible tessary version.: %d", {3}),
+        "WARNING: Failed to notify user of incompatible tessary version.: 3");
+    EXPECT_EQ(formatLogLine("%@ and %@", {"100%d", "x"}), "100%d and x");
+    EXPECT_EQ(formatLogLine("100%% %@ %@", {"only"}), "100% only %@");
+}
+
+TEST(Paths, ResolveUnderTheirRoot) {
+    EXPECT_EQ(Paths("/").preferencesFile(), "/Library/Tessary/Setup/com.orvane.tessaryd.plist");
+    EXPECT_EQ(Paths("/tmp/r/").setupDoneMarker(), "/tmp/r/var/db/.TessarySetupDone");
+    EXPECT_EQ(Paths("/tmp/r").builtInDefinitions(),
+              "/tmp/r/Applications/Tessary.app/Contents/TessaryRoot/System/Library/LaunchDaemons");
+}
+
+// The real loop: posted work in order, work posted by work on a later turn,
+// timers by deadline, a cancelled timer never fires, descriptors wake it.
+TEST(SdEventQueue, RunsWorkTimersAndDescriptorsInOrder) {
+    linux_backend::SdEventQueue queue;
+    ASSERT_TRUE(queue.valid());
+    std::vector<std::string> order;
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    UniqueFd readEnd(fds[0]);
+    UniqueFd writeEnd(fds[1]);
+
+    QueueSourcePtr cancelled = queue.after(1ms, [&] { order.push_back("cancelled"); });
+    QueueSourcePtr late = queue.after(20ms, [&] {
+        order.push_back("timer 20ms");
+        queue.exit(7);
+    });
+    QueueSourcePtr early = queue.after(5ms, [&] {
+        order.push_back("timer 5ms");
+        ASSERT_EQ(::write(writeEnd.get(), "x", 1), 1);
+    });
+    QueueSourcePtr watch;
+    watch = queue.watch(readEnd.get(), EPOLLIN, [&](std::uint32_t) {
+        char c;
+        (void)::read(readEnd.get(), &c, 1);
+        order.push_back("readable");
+        watch.reset();  // a watch may end itself
+    });
+    for (int i = 0; i < 3; ++i) {
+        queue.post([&, i] {
+            order.push_back("post " + std::to_string(i));
+            if (i == 0) {
+                queue.post([&] { order.push_back("posted by post 0"); });
+            }
+        });
+    }
+    cancelled.reset();
+    const auto start = queue.now();
+    EXPECT_EQ(queue.run(), 7);
+    EXPECT_GE(queue.now() - start, 20ms);
+    EXPECT_EQ(order, (std::vector<std::string>{"post 0", "post 1", "post 2", "posted by post 0",
+                                               "timer 5ms", "readable", "timer 20ms"}));
+}
+
+TEST(FakeMainQueue, AdvancesVirtualTime) {
+    testing::FakeMainQueue queue;
+    std::vector<int> fired;
+    auto a = queue.after(5s, [&] { fired.push_back(5); });
+    auto b = queue.after(2s, [&] {
+        fired.push_back(2);
+        queue.post([&] { fired.push_back(3); });
+    });
+    queue.advance(4999ms);
+    EXPECT_EQ(fired, (std::vector<int>{2, 3}));
+    queue.advance(1ms);
+    EXPECT_EQ(fired, (std::vector<int>{2, 3, 5}));
+    EXPECT_EQ(queue.now(), 5s);
+}
+
+TEST(PosixFileOperations, WritesAtomicallyAndReportsErrors) {
+    testing::TempDir dir;
+    linux_backend::PosixFileOperations files;
+    const std::string path = dir / "a/b/file";
+    EXPECT_FALSE(files.writeFileAtomically(path, {1}).ok());
+    ASSERT_TRUE(files.createDirectory(dir / "a/b", true, 0755).ok());
+    struct stat st {};
+    ASSERT_EQ(::stat((dir / "a").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755U);
+
+    ASSERT_TRUE(files.writeFileAtomically(path, {1, 2, 3}).ok());
+    ASSERT_TRUE(files.writeFileAtomically(path, {4}).ok());
+    EXPECT_EQ(files.readFile(path).value(), (plist::Bytes{4}));
+    // No temporary file is left beside it.
+    EXPECT_EQ(files.listDirectory(dir / "a/b").value(), (std::vector<std::string>{"file"}));
+
+    auto missing = files.readFile(dir / "nope");
+    ASSERT_FALSE(missing.ok());
+    EXPECT_EQ(missing.error().code, ENOENT);
+    EXPECT_NE(missing.error().description.find("No such file"), std::string::npos);
+
+    EXPECT_FALSE(files.copyFile(path, path).ok());  // never overwrites
+    ASSERT_TRUE(files.setPermissions(path, 0755).ok());
+    ASSERT_TRUE(files.copyFile(path, dir / "copy").ok());
+    ASSERT_EQ(::stat((dir / "copy").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755U);
+    EXPECT_FALSE(files.moveItem(dir / "copy", path).ok());  // never overwrites
+    EXPECT_TRUE(files.moveItem(dir / "copy", dir / "moved").ok());
+    EXPECT_TRUE(files.removeItem(dir / "a").ok());
+    EXPECT_FALSE(files.exists(path));
+    EXPECT_FALSE(files.removeItem(dir / "a").ok());
+}
+
+}  // namespace
+}  // namespace tessary
