@@ -62,5 +62,3 @@ BENCHMARK(BM_ReadAndParse)->Unit(benchmark::kMicrosecond)->Repetitions(5)->Repor
 
 }  // namespace
 }  // namespace tessary
-
-BENCHMARK_MAIN();

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Every test tier: formatting, the debug build's tests, and the same tests
-# under AddressSanitizer and UndefinedBehaviorSanitizer. Exits non-zero on the
+# Every test tier: formatting, the debug build's tests, the same tests under
+# AddressSanitizer and UndefinedBehaviorSanitizer, the threaded parts under
+# ThreadSanitizer. Exits non-zero on the
 # first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -17,6 +18,13 @@ for preset in debug asan; do
   cmake --build --preset "$preset"
   ctest --preset "$preset" -j2
 done
+
+# The stop of all services runs on worker threads: its tests, and those of
+# the objects the workers touch, run under ThreadSanitizer too.
+echo "== build and test: tsan (threaded parts)"
+cmake --preset tsan >/dev/null
+cmake --build --preset tsan
+ctest --preset tsan -R 'ModelTest|SupervisionTest'
 
 echo "== release build (benchmarks)"
 cmake --preset release >/dev/null

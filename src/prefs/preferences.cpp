@@ -324,13 +324,17 @@ void TYSupervisorPreferences::setServiceEnabled(std::string_view label, bool ena
     });
 }
 
-void TYSupervisorPreferences::setOverride(std::string_view key, const Value& value,
+void TYSupervisorPreferences::setOverride(std::string_view key, const std::optional<Value>& value,
                                           std::string_view service, std::string_view job) const {
     mutate([&](Dictionary& d) {
         Dictionary outer = plist::dictionaryOf(lookup(d, key));
         auto it = outer.find(service);
         Dictionary perService = plist::dictionaryOf(it != outer.end() ? &it->second : nullptr);
-        perService.insert_or_assign(std::string(job), value);
+        if (value) {
+            perService.insert_or_assign(std::string(job), *value);
+        } else {
+            perService.erase(std::string(job));
+        }
         outer.insert_or_assign(std::string(service), Value(std::move(perService)));
         d.insert_or_assign(std::string(key), Value(std::move(outer)));
         return true;
@@ -367,9 +371,8 @@ void TYSupervisorPreferences::setSocketsForServiceJob(const Value& value, std::s
 void TYSupervisorPreferences::removeSocketsForService(std::string_view service) const {
     removeOverrides(kSockets, service);
 }
-void TYSupervisorPreferences::setStartCalendarIntervalsForServiceJob(const Value& value,
-                                                                     std::string_view service,
-                                                                     std::string_view job) const {
+void TYSupervisorPreferences::setStartCalendarIntervalsForServiceJob(
+    const std::optional<Value>& value, std::string_view service, std::string_view job) const {
     setOverride(kStartCalendarIntervals, value, service, job);
 }
 void TYSupervisorPreferences::removeStartCalendarIntervalsForService(

@@ -79,7 +79,9 @@ class TYSupervisorPreferences {
     void setSocketsForServiceJob(const plist::Value& value, std::string_view service,
                                  std::string_view job) const;
     void removeSocketsForService(std::string_view service) const;
-    void setStartCalendarIntervalsForServiceJob(const plist::Value& value, std::string_view service,
+    // An absent value removes the job's entry.
+    void setStartCalendarIntervalsForServiceJob(const std::optional<plist::Value>& value,
+                                                std::string_view service,
                                                 std::string_view job) const;
     void removeStartCalendarIntervalsForService(std::string_view service) const;
     void setActivePromotionType(const std::optional<std::string>& type) const;
@@ -92,8 +94,8 @@ class TYSupervisorPreferences {
                                             std::string_view job) const;
     // Reads, lets `change` edit the dictionary, and writes when it says so.
     void mutate(const std::function<bool(plist::Dictionary&)>& change) const;
-    void setOverride(std::string_view key, const plist::Value& value, std::string_view service,
-                     std::string_view job) const;
+    void setOverride(std::string_view key, const std::optional<plist::Value>& value,
+                     std::string_view service, std::string_view job) const;
     void removeOverrides(std::string_view key, std::string_view service) const;
     void removeKey(std::string_view key) const;
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <mutex>
@@ -43,10 +44,15 @@ class FakeServiceManager final : public ServiceManagerClient {
             lastRemoveWaited_ = wait;
             delay = removeDelay_;
         }
+        {
+            std::lock_guard lock(mutex_);
+            mostRemovesInFlight_ = std::max(mostRemovesInFlight_, ++removesInFlight_);
+        }
         if (delay.count() > 0) {
             std::this_thread::sleep_for(delay);
         }
         std::lock_guard lock(mutex_);
+        --removesInFlight_;
         if (auto it = removeFailures_.find(std::string(label)); it != removeFailures_.end()) {
             return Error{"ServiceManager", 1, it->second};
         }
@@ -121,6 +127,11 @@ class FakeServiceManager final : public ServiceManagerClient {
         std::lock_guard lock(mutex_);
         return loadedQueries_;
     }
+    // The most removals that were under way at one time.
+    int mostRemovesInFlight() const {
+        std::lock_guard lock(mutex_);
+        return mostRemovesInFlight_;
+    }
     bool lastRemoveWaited() const {
         std::lock_guard lock(mutex_);
         return lastRemoveWaited_;
@@ -143,6 +154,8 @@ class FakeServiceManager final : public ServiceManagerClient {
     int submitCalls_ = 0;
     int removeCalls_ = 0;
     int loadedQueries_ = 0;
+    int removesInFlight_ = 0;
+    int mostRemovesInFlight_ = 0;
     bool lastRemoveWaited_ = false;
 };
 

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "model/guarded.h"
+#include "model/model_environment.h"
+#include "model/supervised_job.h"
+#include "plist/value.h"
+
+namespace tessary {
+
+using JobPtr = std::shared_ptr<TYSupervisedJob>;
+using JobList = std::vector<JobPtr>;
+
+// One background service as the daemon supervises it: its definition, its
+// one job, the user's switch, and predicates computed afresh on every call.
+// Several predicates reach the service manager through the jobs' `loaded`, so
+// the order in which each is evaluated, and where it stops, is part of its
+// behaviour: it decides how often the service manager is asked.
+class TYSupervisedService : public std::enable_shared_from_this<TYSupervisedService> {
+  public:
+    // Services are always held by shared pointers: workers of the stop of
+    // all services keep them alive while the list may be replaced.
+    // `components` is empty for every service the daemon makes; the nesting
+    // rules below apply to whatever it holds.
+    static std::shared_ptr<TYSupervisedService> make(ServiceOwner& supervisor,
+                                                     const plist::Value& dictionary,
+                                                     std::vector<ServicePtr> components = {});
+
+    ServiceOwner& supervisor() const { return supervisor_; }
+    plist::Value dictionary() const { return dictionary_.get(); }
+    void setDictionary(plist::Value d) { dictionary_.set(std::move(d)); }
+    JobList jobs() const { return jobs_.get(); }
+    void setJobs(JobList jobs) { jobs_.set(std::move(jobs)); }
+    const std::vector<ServicePtr>& services() const { return components_; }
+    std::string prerequisiteScriptPath() const { return prerequisiteScriptPath_.get(); }
+    void setPrerequisiteScriptPath(std::string p) { prerequisiteScriptPath_.set(std::move(p)); }
+    std::string prestartScriptPath() const { return prestartScriptPath_.get(); }
+    void setPrestartScriptPath(std::string p) { prestartScriptPath_.set(std::move(p)); }
+    std::string poststopScriptPath() const { return poststopScriptPath_.get(); }
+    void setPoststopScriptPath(std::string p) { poststopScriptPath_.set(std::move(p)); }
+
+    std::string label() const;
+    JobPtr jobWithLabel(std::string_view label) const;
+    bool hasComponentService(const TYSupervisedService& service) const;
+
+    bool on() const { return on_; }
+    std::uint32_t denySleepAssertion() const { return denySleepAssertion_; }
+
+    bool needed() const;
+    bool loadable() const;
+    bool loaded() const;
+    bool startable() const;
+    bool started() const;
+    bool stopable() const;
+    bool migratable() const;
+    bool stale() const;
+    bool preventsSleep() const;
+    bool unloadOnSleep() const;
+
+    // Switches the service and takes or releases its own sleep assertion.
+    void setOn(bool on);
+    void start();
+    void stop();
+    void migrate();
+    void reset();
+
+    // The points where a service's scripts would run; each succeeds.
+    bool runPrerequisiteScript() const;
+    bool runPrestartScript() const;
+    bool runPoststopScript() const;
+
+    TYSupervisedService(ServiceOwner& supervisor, const plist::Value& dictionary,
+                        std::vector<ServicePtr> components);
+
+  private:
+    bool hasComponentServiceAtDepth(const TYSupervisedService& service, int depth) const;
+    ModelEnvironment& env() const { return supervisor_.environment(); }
+
+    bool on_ = false;  // main thread only
+    std::uint32_t denySleepAssertion_ = 0;
+    ServiceOwner& supervisor_;
+    Guarded<JobList> jobs_;
+    const std::vector<ServicePtr> components_;
+    Guarded<plist::Value> dictionary_;
+    Guarded<std::string> prerequisiteScriptPath_;
+    Guarded<std::string> prestartScriptPath_;
+    Guarded<std::string> poststopScriptPath_;
+};
+
+}  // namespace tessary

@@ -1,0 +1,274 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "daemon/supervisor.h"
+#include "support/test_platform.h"
+
+namespace tessary {
+namespace {
+
+using plist::Array;
+using plist::Dictionary;
+using plist::Value;
+using testing::definition;
+
+Value args(std::initializer_list<const char*> a) {
+    Array out;
+    for (const char* s : a) {
+        out.emplace_back(s);
+    }
+    return Value(std::move(out));
+}
+
+class ModelTest : public ::testing::Test {
+  protected:
+    ServicePtr make(const Value& d) { return TYSupervisedService::make(supervisor, d); }
+    JobPtr jobOf(const ServicePtr& s) { return s->jobs().front(); }
+
+    testing::TestPlatform t;
+    TYSupervisor supervisor{t.platform};
+    TYSupervisorPreferences& prefs = supervisor.preferences();
+};
+
+TEST_F(ModelTest, SubmittedDictionaryIsStrippedOverriddenAndPrefixed) {
+    prefs.setProgramArgumentsForServiceJob(args({"/bin/echo", "override"}), "a", "a");
+    prefs.setStartCalendarIntervalsForServiceJob(Value(Dictionary{{"Hour", Value::integer(3)}}),
+                                                 "a", "a");
+    const Value d =
+        definition("a", {{"Disabled", Value::boolean(true)},
+                         {"Transient", Value::boolean(true)},
+                         {"PreventsSleep", Value::integer(1)},
+                         {"UnloadOnSleep", Value::boolean(false)},
+                         {"KeepAlive", Value::boolean(true)},
+                         {"EnvironmentVariables",
+                          Value(Dictionary{{"TESSARY_INSTALL_PATH_PREFIX", Value("/elsewhere")},
+                                           {"OTHER", Value("kept")}})}});
+    ServicePtr s = make(d);
+    JobPtr job = jobOf(s);
+    EXPECT_TRUE(job->transient());
+    EXPECT_TRUE(job->preventsSleep());
+    EXPECT_FALSE(job->unloadOnSleep());
+    EXPECT_EQ(s->dictionary(), d);  // the service keeps its definition whole
+
+    job->submit();
+    const Value submitted = t.serviceManager.jobFor("a").value();
+    for (const char* gone : {"Disabled", "Transient", "PreventsSleep", "UnloadOnSleep"}) {
+        EXPECT_EQ(submitted.find(gone), nullptr) << gone;
+    }
+    EXPECT_EQ(*submitted.find("ProgramArguments"), args({"/bin/echo", "override"}));
+    EXPECT_EQ(*submitted.find("StartCalendarInterval"),
+              Value(Dictionary{{"Hour", Value::integer(3)}}));
+    EXPECT_EQ(*submitted.find("KeepAlive"), Value::boolean(true));
+    EXPECT_EQ(*submitted.find("EnvironmentVariables"),
+              Value(Dictionary{{"TESSARY_INSTALL_PATH_PREFIX",
+                                Value("/Applications/Tessary.app/Contents/TessaryRoot")},
+                               {"OTHER", Value("kept")}}));
+    EXPECT_EQ(t.log.entries().front().level, LogLevel::Debug);
+    EXPECT_EQ(t.log.lines(), (std::vector<std::string>{"SUBMIT: a"}));
+
+    ServicePtr bare = make(definition("b"));
+    EXPECT_EQ(*jobOf(bare)->dictionary().find("EnvironmentVariables"),
+              Value(Dictionary{{"TESSARY_INSTALL_PATH_PREFIX",
+                                Value("/Applications/Tessary.app/Contents/TessaryRoot")}}));
+}
+
+TEST_F(ModelTest, CollectionsAndOverrideSetters) {
+    // A job refers to its service, which must outlive it.
+    ServicePtr programService =
+        make(Value(Dictionary{{"Label", Value("p")}, {"Program", Value("/bin/true")}}));
+    JobPtr program = jobOf(programService);
+    EXPECT_EQ(program->programArguments().value(), args({"/bin/true"}));
+    EXPECT_EQ(program->dictionary().find("ProgramArguments"), nullptr);
+    EXPECT_EQ(program->startCalendarIntervals(), Value(Array{}));
+    EXPECT_FALSE(program->sockets());
+
+    const Value hour(Dictionary{{"Hour", Value::integer(1)}});
+    const Value minute(Dictionary{{"Minute", Value::integer(2)}});
+    ServicePtr service = make(definition("c", {{"StartCalendarInterval", hour}}));
+    JobPtr job = jobOf(service);
+    EXPECT_EQ(job->startCalendarIntervals(), Value(Array{hour}));
+
+    // Not loaded: changed in memory and in the preferences, nothing submitted.
+    job->setStartCalendarIntervals(Value(Array{minute}));
+    EXPECT_EQ(*job->dictionary().find("StartCalendarInterval"), minute);
+    job->setStartCalendarIntervals(Value(Array{hour, minute}));
+    EXPECT_EQ(*job->dictionary().find("StartCalendarInterval"), Value(Array{hour, minute}));
+    job->setStartCalendarIntervals(Value(Array{}));
+    EXPECT_EQ(job->dictionary().find("StartCalendarInterval"), nullptr);
+    EXPECT_EQ(prefs.startCalendarIntervalsForServiceJob("c", "c").value(), Value(Array{}));
+    EXPECT_EQ(t.serviceManager.submitCalls(), 0);
+
+    // Loaded: removed and submitted again with the new value.
+    job->submit();
+    job->setProgramArguments(args({"/bin/echo", "new"}));
+    EXPECT_EQ(t.serviceManager.removed(), (std::vector<std::string>{"c"}));
+    EXPECT_EQ(*t.serviceManager.jobFor("c")->find("ProgramArguments"), args({"/bin/echo", "new"}));
+    job->setSockets(Value(Dictionary{{"Listener", Value(Dictionary{})}}));
+    EXPECT_EQ(prefs.socketsForServiceJob("c", "c").value(),
+              Value(Dictionary{{"Listener", Value(Dictionary{})}}));
+    EXPECT_TRUE(t.serviceManager.jobFor("c")->find("Sockets") != nullptr);
+}
+
+TEST_F(ModelTest, PlaceholderJobsNeverReachTheServiceManager) {
+    ServicePtr s = make(Value(Dictionary{{"Label", Value("ph")}}));
+    JobPtr job = jobOf(s);
+    EXPECT_FALSE(job->programArguments());
+    EXPECT_TRUE(job->loaded());
+    job->submit();
+    job->remove();
+    EXPECT_EQ(t.serviceManager.loadedQueries() + t.serviceManager.submitCalls() +
+                  t.serviceManager.removeCalls(),
+              0);
+    EXPECT_TRUE(t.log.empty());
+    s->setOn(true);
+    EXPECT_TRUE(s->started());
+    EXPECT_FALSE(s->startable());
+}
+
+TEST_F(ModelTest, FailuresAreOneLineEach) {
+    ServicePtr service = make(definition("f"));
+    JobPtr job = jobOf(service);
+    t.serviceManager.failSubmit("f", "Unit f.service has a bad setting");
+    job->submit();
+    job->remove();
+    EXPECT_EQ(t.log.lines(), (std::vector<std::string>{
+                                 "SUBMIT: f", "ERROR: LodgeJob: Unit f.service has a bad setting",
+                                 "REMOVE: f", "ERROR: WithdrawJob: No such job: f"}));
+    EXPECT_EQ(t.log.entries()[1].level, LogLevel::Error);
+    EXPECT_TRUE(t.serviceManager.lastRemoveWaited());
+}
+
+TEST_F(ModelTest, SharedAuthorizationIsMadeOnceAcrossThreadsAndRetriedAfterFailure) {
+    t.authorization.setFailCreate(true);
+    ServicePtr service = make(definition("x"));
+    JobPtr job = jobOf(service);
+    job->submit();
+    EXPECT_EQ(t.authorization.createCalls(), 1);
+    t.authorization.setFailCreate(false);
+
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 16; ++i) {
+        threads.emplace_back([&] { job->remove(); });
+    }
+    threads.clear();
+    EXPECT_EQ(t.authorization.createCalls(), 2);
+    EXPECT_EQ(t.authorization.lastCreateFlags(), kAuthorizationFlagExtendRights);
+}
+
+// How often one predicate call asks the service manager follows from the
+// order of its tests.
+TEST_F(ModelTest, PredicatesAskTheServiceManagerOnlyWhereTheirOrderSays) {
+    ServicePtr s = make(definition("q"));
+    auto queries = [&](auto&& predicate) {
+        t.serviceManager.resetCounters();
+        predicate();
+        return t.serviceManager.loadedQueries();
+    };
+    EXPECT_TRUE(s->stopable());  // new: loadable, off, not needed
+    EXPECT_FALSE(s->startable());
+    EXPECT_FALSE(s->started());
+    EXPECT_EQ(queries([&] { (void)s->startable(); }), 0);  // off: stops at `on`
+    EXPECT_EQ(queries([&] { (void)s->stopable(); }), 0);
+    s->setOn(true);
+    EXPECT_EQ(queries([&] { EXPECT_TRUE(s->startable()); }), 1);
+    EXPECT_EQ(queries([&] { EXPECT_FALSE(s->stopable()); }), 0);
+    EXPECT_EQ(queries([&] { EXPECT_FALSE(s->stale()); }), 0);  // only transient jobs are asked
+    t.serviceManager.load("q");
+    EXPECT_EQ(queries([&] { EXPECT_FALSE(s->startable()); }), 1);
+    EXPECT_TRUE(s->started());
+
+    ServicePtr transient = make(definition("tr", {{"Transient", Value::boolean(true)}}));
+    EXPECT_EQ(queries([&] { EXPECT_TRUE(transient->stale()); }), 1);
+    t.serviceManager.load("tr");
+    EXPECT_FALSE(transient->stale());
+
+    // A component list, which no definition fills, still follows its rules:
+    // the first level looks for the service itself, deeper levels ask
+    // whether a component lists itself.
+    ServicePtr part = make(definition("part"));
+    ServicePtr whole = TYSupervisedService::make(supervisor, definition("whole"), {part});
+    EXPECT_TRUE(whole->hasComponentService(*part));
+    EXPECT_FALSE(whole->hasComponentService(*whole));
+    EXPECT_FALSE(part->hasComponentService(*part));
+    supervisor.setServices(std::make_shared<std::vector<ServicePtr>>(std::vector{whole, part}));
+    whole->setOn(true);
+    EXPECT_FALSE(part->needed());
+    t.serviceManager.resetCounters();
+    whole->start();  // starts its components first
+    EXPECT_EQ(t.serviceManager.submitted(), (std::vector<std::string>{"part", "whole"}));
+    whole->stop();  // but stops only its own jobs
+    EXPECT_TRUE(t.serviceManager.isLoaded("part"));
+    EXPECT_FALSE(t.serviceManager.isLoaded("whole"));
+}
+
+TEST_F(ModelTest, SleepFlagsAndTheServicesOwnAssertion) {
+    ServicePtr sleepy = make(definition("s", {{"UnloadOnSleep", Value::boolean(true)}}));
+    sleepy->setOn(true);
+    EXPECT_TRUE(sleepy->startable());
+    supervisor.setDrowsy(true);
+    EXPECT_FALSE(sleepy->loadable());
+    EXPECT_FALSE(sleepy->startable());
+    EXPECT_TRUE(sleepy->stopable());  // even though it is on
+    supervisor.setDrowsy(false);
+
+    ServicePtr awake = make(definition("w", {{"PreventsSleep", Value::boolean(true)}}));
+    awake->setOn(true);
+    awake->setOn(true);
+    ASSERT_EQ(t.powerAssertions.held.size(), 1U);
+    EXPECT_EQ(t.powerAssertions.held.begin()->second,
+              Value(Dictionary{{"AssertType", Value("PreventUserIdleSystemSleep")},
+                               {"AssertLevel", Value::integer(255)},
+                               {"AssertName", Value("w")}}));
+    // Once the administrator turns sleep prevention off, the next switch-on
+    // releases the assertion although the service stays on.
+    t.files
+        .writeFileAtomically(
+            t.paths.preferencesFile(),
+            plist::encode(Value(Dictionary{{"disablePreventsSleep", Value::boolean(true)}}),
+                          plist::Format::Xml)
+                .value())
+        .ok();
+    EXPECT_FALSE(awake->preventsSleep());
+    awake->setOn(true);
+    EXPECT_TRUE(t.powerAssertions.held.empty());
+    EXPECT_EQ(awake->denySleepAssertion(), 0U);
+    EXPECT_TRUE(awake->on());
+
+    const auto releasesBefore = t.powerAssertions.released.size();
+    make(definition("plain"))->setOn(false);
+    EXPECT_EQ(t.powerAssertions.released.size(), releasesBefore);
+}
+
+TEST_F(ModelTest, StopMigrateAndReset) {
+    ServicePtr s = make(definition("r"));
+    s->stop();  // nothing loaded: no removal
+    EXPECT_EQ(t.serviceManager.removeCalls(), 0);
+    s->migrate();  // removes without asking
+    EXPECT_EQ(t.serviceManager.removeCalls(), 1);
+
+    // Reset of a service that is off: overrides gone, job rebuilt, not started.
+    jobOf(s)->setProgramArguments(args({"/bin/echo", "custom"}));
+    s->reset();
+    EXPECT_FALSE(prefs.programArgumentsForServiceJob("r", "r"));
+    EXPECT_EQ(*jobOf(s)->programArguments(), args({"/bin/sleep", "1000"}));
+    EXPECT_FALSE(t.serviceManager.isLoaded("r"));
+
+    // Reset of a started service: stopped, rebuilt without overrides, submitted.
+    prefs.setServiceEnabled("r", true);
+    s->setOn(true);
+    jobOf(s)->setProgramArguments(args({"/bin/echo", "custom"}));
+    s->start();
+    EXPECT_EQ(*t.serviceManager.jobFor("r")->find("ProgramArguments"),
+              args({"/bin/echo", "custom"}));
+    const JobPtr old = jobOf(s);
+    s->reset();
+    EXPECT_NE(jobOf(s), old);
+    EXPECT_EQ(*t.serviceManager.jobFor("r")->find("ProgramArguments"),
+              args({"/bin/sleep", "1000"}));
+    EXPECT_EQ(s->jobWithLabel("r"), jobOf(s));
+    EXPECT_EQ(s->jobWithLabel("R"), nullptr);
+}
+
+}  // namespace
+}  // namespace tessary

@@ -1,0 +1,210 @@
+#include <gtest/gtest.h>
+
+#include "daemon/supervisor.h"
+#include "support/test_platform.h"
+
+namespace tessary {
+namespace {
+
+using plist::Array;
+using plist::Dictionary;
+using plist::Value;
+using testing::definition;
+
+class SupervisionTest : public ::testing::Test {
+  protected:
+    std::vector<std::string> labels() {
+        std::vector<std::string> out;
+        for (const auto& s : *supervisor.services()) {
+            out.push_back(s->label());
+        }
+        return out;
+    }
+    std::string builtIn(const std::string& name) {
+        return t.paths.builtInDefinitions() + "/" + name;
+    }
+
+    testing::TestPlatform t;
+    TYSupervisor supervisor{t.platform};
+    TYSupervisorPreferences& prefs = supervisor.preferences();
+};
+
+TEST_F(SupervisionTest, LoadingReportsEveryRejectedDefinition) {
+    t.addDefinition("one.plist", definition("com.example.dup", {{"n", Value::integer(1)}}));
+    t.addDefinition("two.plist", definition("com.example.dup", {{"n", Value::integer(2)}}));
+    t.addDefinition("ok.plist", definition("com.example.ok"));
+    t.addDefinition("ok.plist.bak", definition("com.example.bak"));
+    t.addDefinition(".plist", definition("com.example.hidden"));
+    t.addDefinition("nolabel.plist", Value(Dictionary{{"Program", Value("/bin/true")}}));
+    testing::writeFile(builtIn("garbage.plist"), "<plist><dict><key>Label</key>");
+    testing::writeFile(builtIn("array.plist"), "<plist version=\"1.0\"><array/></plist>");
+    prefs.setServiceEnabled("com.example.ok", true);
+
+    supervisor.loadServices();
+
+    // The listing order decides which duplicate wins.
+    const auto names = t.files.listDirectory(t.paths.builtInDefinitions()).value();
+    const auto first = std::find_if(names.begin(), names.end(), [](const auto& n) {
+        return n == "one.plist" || n == "two.plist";
+    });
+    const std::string loser = *first == "one.plist" ? "two.plist" : "one.plist";
+    std::vector<std::string> expected;
+    for (const auto& n : names) {
+        if (n == loser || n == "ok.plist.bak" || n == ".plist" || n == "nolabel.plist" ||
+            n == "garbage.plist" || n == "array.plist") {
+            expected.push_back("Error loading dictionary at path: " + builtIn(n));
+        }
+    }
+    EXPECT_EQ(t.log.lines(), expected);
+
+    std::vector<std::string> got = labels();
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, (std::vector<std::string>{"com.example.dup", "com.example.ok"}));
+    EXPECT_TRUE(supervisor.serviceWithLabel("com.example.ok")->on());
+    EXPECT_FALSE(supervisor.serviceWithLabel("com.example.dup")->on());
+    EXPECT_EQ(supervisor.serviceWithLabel("COM.EXAMPLE.OK"), nullptr);
+    EXPECT_EQ(*supervisor.serviceWithLabel("com.example.dup")->dictionary().find("n"),
+              Value::integer(*first == "one.plist" ? 1 : 2));
+
+    // A second load gives the same labels in the same order, as new objects.
+    const auto before = labels();
+    const ServicePtr oldOk = supervisor.serviceWithLabel("com.example.ok");
+    supervisor.loadServices();
+    EXPECT_EQ(labels(), before);
+    EXPECT_NE(supervisor.serviceWithLabel("com.example.ok"), oldOk);
+    EXPECT_EQ(t.serviceManager.submitCalls(), 0);  // loading starts nothing
+}
+
+TEST_F(SupervisionTest, DynamicServicesShareTheLabelsAndStaleOnesVanish) {
+    t.addDefinition("builtin.plist", definition("shared"));
+    prefs.addDynamicServiceWithDictionary(
+        definition("shared", {{"dynamic", Value::boolean(true)}}));
+    prefs.addDynamicServiceWithDictionary(definition("dyn"));
+    prefs.addDynamicServiceWithDictionary(definition("dyn"));
+    prefs.addDynamicServiceWithDictionary(Value(Dictionary{{"Program", Value("/bin/true")}}));
+    prefs.addDynamicServiceWithDictionary(
+        definition("stale", {{"Transient", Value::boolean(true)}}));
+    prefs.addDynamicServiceWithDictionary(
+        definition("alive", {{"Transient", Value::boolean(true)}}));
+    prefs.setServiceEnabled("stale", true);
+    prefs.setServiceEnabled("dyn", true);
+    t.serviceManager.load("alive");
+
+    supervisor.loadServices();
+
+    EXPECT_EQ(labels(), (std::vector<std::string>{"shared", "dyn", "alive"}));
+    EXPECT_EQ(supervisor.serviceWithLabel("shared")->dictionary().find("dynamic"), nullptr);
+    EXPECT_TRUE(supervisor.serviceWithLabel("dyn")->on());
+    const auto lines = t.log.lines();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[0], "Error loading dynamic service: shared");
+    EXPECT_EQ(lines[1], "Error loading dynamic service: dyn");
+    EXPECT_TRUE(lines[2].starts_with("Error loading dynamic service: {"));
+
+    // The stale service is gone from the stored definitions and the enabled
+    // list in the same load; the duplicate definition stays stored.
+    Array stored = *prefs.dynamicServices()->array();
+    EXPECT_EQ(stored.size(), 5U);
+    for (const Value& d : stored) {
+        EXPECT_NE(d.stringAt("Label") != nullptr ? *d.stringAt("Label") : "", "stale");
+    }
+    EXPECT_FALSE(prefs.serviceIsEnabled("stale"));
+    EXPECT_TRUE(prefs.serviceIsEnabled("dyn"));
+}
+
+// Each row of the decision table, and the drowsy rows, in one pass.
+TEST_F(SupervisionTest, SyncStopsAndStartsByThePredicates) {
+    t.addDefinition("a.plist", definition("off-loaded"));
+    t.addDefinition("b.plist", definition("on-unloaded"));
+    t.addDefinition("c.plist", definition("on-loaded"));
+    t.addDefinition("d.plist", definition("off-unloaded"));
+    t.addDefinition("e.plist", definition("sleeper", {{"UnloadOnSleep", Value::boolean(true)}}));
+    for (const char* on : {"on-unloaded", "on-loaded", "sleeper"}) {
+        prefs.setServiceEnabled(on, true);
+    }
+    t.serviceManager.load("off-loaded");
+    t.serviceManager.load("on-loaded");
+    t.serviceManager.load("sleeper");
+    supervisor.loadServices();
+
+    supervisor.syncServices();
+    EXPECT_EQ(t.serviceManager.loadedLabels(),
+              (std::set<std::string>{"on-unloaded", "on-loaded", "sleeper"}));
+    EXPECT_EQ(t.serviceManager.removed(), (std::vector<std::string>{"off-loaded"}));
+    EXPECT_EQ(t.serviceManager.submitted(), (std::vector<std::string>{"on-unloaded"}));
+
+    // A second pass changes nothing.
+    t.serviceManager.resetCounters();
+    supervisor.syncServices();
+    EXPECT_EQ(t.serviceManager.submitCalls() + t.serviceManager.removeCalls(), 0);
+
+    // Will-sleep: the service that unloads on sleep is stopped and not
+    // started again in the same pass; did-wake brings it back.
+    supervisor.setDrowsy(true);
+    supervisor.syncServices();
+    EXPECT_EQ(t.serviceManager.removed(), (std::vector<std::string>{"sleeper"}));
+    EXPECT_EQ(t.serviceManager.submitCalls(), 0);
+    supervisor.setDrowsy(false);
+    supervisor.syncServices();
+    EXPECT_EQ(t.serviceManager.submitted(), (std::vector<std::string>{"sleeper"}));
+
+    // Switching off changes the choice at once and the jobs at the next pass.
+    supervisor.setServiceEnabled(*supervisor.serviceWithLabel("on-loaded"), false);
+    EXPECT_FALSE(prefs.serviceIsEnabled("on-loaded"));
+    EXPECT_FALSE(supervisor.serviceWithLabel("on-loaded")->on());
+    EXPECT_TRUE(t.serviceManager.isLoaded("on-loaded"));
+    supervisor.syncServices();
+    EXPECT_FALSE(t.serviceManager.isLoaded("on-loaded"));
+}
+
+TEST_F(SupervisionTest, SyncAndStopAllWithoutServices) {
+    testing::writeFile(t.paths.setupDoneMarker(), "");
+    supervisor.syncServices();
+    supervisor.stopAllServices();
+    EXPECT_FALSE(std::filesystem::exists(t.paths.setupDoneMarker()));
+    EXPECT_TRUE(t.log.empty());
+    supervisor.stopAllServices();  // a missing marker is no error
+    EXPECT_TRUE(t.log.empty());
+}
+
+// Ten stops that each wait 200 ms all run at the same time, and each line
+// measures from the common start.
+TEST_F(SupervisionTest, StopAllRunsEveryStopAtOnce) {
+    for (int i = 0; i < 10; ++i) {
+        const std::string label = "svc" + std::to_string(i);
+        t.addDefinition(label + ".plist", definition(label));
+        prefs.setServiceEnabled(label, true);
+    }
+    supervisor.loadServices();
+    supervisor.syncServices();
+    ASSERT_EQ(t.serviceManager.loadedLabels().size(), 10U);
+    testing::writeFile(t.paths.setupDoneMarker(), "");
+    t.log.clear();
+
+    t.serviceManager.setRemoveDelay(std::chrono::milliseconds(200));
+
+    supervisor.stopAllServices();
+
+    EXPECT_EQ(t.serviceManager.mostRemovesInFlight(), 10);
+    EXPECT_TRUE(t.serviceManager.loadedLabels().empty());
+    EXPECT_FALSE(std::filesystem::exists(t.paths.setupDoneMarker()));
+    EXPECT_TRUE(prefs.serviceIsEnabled("svc3"));  // the choices stay
+    for (const auto& s : *supervisor.services()) {
+        EXPECT_FALSE(s->on());
+    }
+    std::set<std::string> reported;
+    for (const auto& line : t.log.lines()) {
+        double seconds = 0;
+        char label[64] = {};
+        if (std::sscanf(line.c_str(), "WARNING: Service %63s took %lf seconds to stop", label,
+                        &seconds) == 2) {
+            reported.insert(label);
+            EXPECT_GE(seconds, 0.2) << line;
+        }
+    }
+    EXPECT_EQ(reported.size(), 10U);
+    EXPECT_EQ(t.log.countStartingWith("WARNING: Service "), 10U);
+}
+
+}  // namespace
+}  // namespace tessary
