@@ -2,8 +2,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -16,10 +19,43 @@
 
 namespace tessary {
 
+// One request as the message layer handed it over, unpacked.
+struct CommandRequest {
+    std::string command;
+    std::optional<AuthorizationExternalForm> authorizationForm;
+    std::optional<plist::Bytes> arguments;
+};
+
+// What start-up hands to the watchers and the app's-fate handling, which
+// live apart from the core: each is a step start-up calls at its place.
+struct LifecycleSteps {
+    std::function<void()> checkForActivePromotion;
+    std::function<void()> checkForUpdate;
+    std::function<void()> update;
+    std::function<void()> demote;
+    std::function<bool()> avoidShowingAlert;
+    std::function<void()> showIncompatibleTessaryVersionAlert;
+    std::function<void()> showAppReplacementAlert;
+    std::function<void()> showAppRemovalAlert;
+    // Makes and starts the power watcher with its two handlers.
+    std::function<void(std::function<void()> willSleep, std::function<void()> didWake)>
+        startPowerWatcher;
+    // Makes the app watcher for the bundle; none when it cannot (the app is
+    // not there). `start` wires the three handlers and starts it.
+    struct AppWatcher {
+        std::function<void(std::function<void()> willChange, std::function<void()> wasReplaced,
+                           std::function<void()> wasRemoved)>
+            start;
+    };
+    std::function<std::optional<AppWatcher>(const std::string& bundlePath)> makeAppWatcher;
+};
+
 // The hub: owns the services and runs every decision on the main queue.
 class TYSupervisor final : public ServiceOwner {
   public:
     using CommandTable = std::map<std::string, std::string, std::less<>>;
+    using Arguments = plist::Dictionary;
+    using Handler = std::optional<plist::Dictionary> (TYSupervisor::*)(Arguments&);
 
     explicit TYSupervisor(Platform& platform);
     TYSupervisor(const TYSupervisor&) = delete;
@@ -44,6 +80,41 @@ class TYSupervisor final : public ServiceOwner {
     CommandTable requirementsForCommands() const { return requirements_.get(); }
     void setRequirementsForCommands(CommandTable t) { requirements_.set(std::move(t)); }
 
+    // Start-up.
+    void init();
+    void start();
+    void setLifecycleSteps(LifecycleSteps steps) { lifecycle_ = std::move(steps); }
+    bool bundleVersionsMatch() const;
+    std::string currentSetupStatus() const;
+
+    // The request channel.
+    void startRequestListener();
+    void handleListenerEvent(const ListenerEvent& event);
+    void handlePeerEvent(const std::shared_ptr<MessageConnection>& connection,
+                         const PeerEvent& event);
+    static std::optional<CommandRequest> unpackRequest(const KeyedMessage* message);
+    int performRequest(const std::string& command,
+                       const std::optional<AuthorizationExternalForm>& form,
+                       const AuditToken& auditToken, std::int32_t senderPid,
+                       const std::optional<plist::Bytes>& arguments, plist::Bytes& reply);
+    static plist::Dictionary makeReply(int returnCode, const plist::Bytes& reply);
+    std::optional<std::string> authorizationRightForCommand(std::string_view command) const;
+    std::optional<std::string> requirementForCommand(std::string_view command) const;
+    // The handler a command name maps to, or null.
+    static Handler handlerForCommand(std::string_view command);
+
+    // Commands.
+    std::optional<plist::Dictionary> listWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> statusWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> enableWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> disableWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> resetWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> programArgumentsWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> socketsWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> startCalendarIntervalsWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> createWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> destroyWithArguments(Arguments& arguments);
+
     // Loading.
     void loadServices();
     ServicePtr serviceWithLabel(std::string_view label) const;
@@ -55,6 +126,9 @@ class TYSupervisor final : public ServiceOwner {
     void stopAllServices();
 
   private:
+    std::optional<plist::Dictionary> enable(Arguments& arguments, bool enabled);
+    void runStep(const std::function<void()>& step) const;
+
     Platform& platform_;
     mutable TYSupervisorPreferences preferences_;
     SharedAuthorization sharedAuthorization_;
@@ -66,6 +140,12 @@ class TYSupervisor final : public ServiceOwner {
     Guarded<ServiceList> services_;
     Guarded<CommandTable> rights_;
     Guarded<CommandTable> requirements_;
+
+    LifecycleSteps lifecycle_;
+    std::unique_ptr<MessageListener> listener_;
+    // Client connections, kept from their arrival until they report
+    // themselves invalid.
+    std::set<std::shared_ptr<MessageConnection>> connections_;
 };
 
 }  // namespace tessary

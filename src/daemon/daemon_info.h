@@ -1,0 +1,16 @@
+#pragma once
+
+#include "plist/value.h"
+
+namespace tessary {
+
+// The daemon's own information dictionary and job definition. The same two
+// lists are linked into the executable (sections ".tessary_info" and
+// ".tessary_job") so that an installed copy can be read from disk.
+inline constexpr const char* kDaemonLabel = "com.orvane.tessaryd";
+inline constexpr const char* kDaemonVersion = "5.11.1";
+
+plist::Value daemonInfoDictionary();
+plist::Value daemonJobDefinition();
+
+}  // namespace tessary

@@ -1,0 +1,141 @@
+#include "daemon/daemon_info.h"
+#include "daemon/supervisor.h"
+#include "daemon/version_compare.h"
+
+namespace tessary {
+
+namespace {
+
+constexpr const char* kAdminRight = "system.privilege.admin";
+
+}  // namespace
+
+void TYSupervisor::runStep(const std::function<void()>& step) const {
+    if (step) {
+        step();
+    }
+}
+
+void TYSupervisor::init() {
+    preferences_.upgradePreferences();
+
+    const auto installed = platform_.productInfo.tessaryVersion();
+    const auto minimum = platform_.productInfo.minimumTessaryVersion();
+    setIsIncompatibleVersion(installed && minimum && compareVersions(*minimum, *installed) > 0);
+
+    runStep(lifecycle_.checkForActivePromotion);
+    runStep(lifecycle_.checkForUpdate);
+
+    CommandTable rights;
+    for (const char* command : {"demote", "list", "enable", "disable", "reset", "programArguments",
+                                "sockets", "startCalendarIntervals", "create", "destroy",
+                                "restoreServices", "beginPromotion", "endPromotion"}) {
+        rights.emplace(command, kAdminRight);
+    }
+    setAuthorizationRightsForCommands(std::move(rights));
+    setRequirementsForCommands({{"status", "true"}});
+}
+
+void TYSupervisor::start() {
+    const Paths& paths = platform_.paths;
+    FileOperations& files = platform_.files;
+    SystemLog& log = platform_.log;
+
+    // The notices show the icon from here, so it must outlive the app.
+    const std::string support = paths.supportDirectory();
+    if (!files.exists(support)) {
+        (void)files.createDirectory(support, true, std::nullopt);
+    }
+    (void)files.copyFile(paths.appResources() + "/" + std::string(Paths::kAppIconName),
+                         support + "/" + std::string(Paths::kAppIconName));
+
+    if (!isIncompatibleVersion()) {
+        const std::string* version = daemonInfoDictionary().stringAt("CFBundleVersion");
+        preferences_.setVersion(version != nullptr ? std::optional<std::string>(*version)
+                                                   : std::nullopt);
+        loadServices();
+        syncServices();
+        if (lifecycle_.startPowerWatcher) {
+            lifecycle_.startPowerWatcher(
+                [this] {
+                    setDrowsy(true);
+                    syncServices();
+                },
+                [this] {
+                    setDrowsy(false);
+                    syncServices();
+                });
+        }
+    } else if (!(lifecycle_.avoidShowingAlert && lifecycle_.avoidShowingAlert())) {
+        runStep(lifecycle_.showIncompatibleTessaryVersionAlert);
+    }
+
+    const std::string app = paths.appBundle();
+    std::optional<LifecycleSteps::AppWatcher> watcher;
+    if (lifecycle_.makeAppWatcher) {
+        watcher = lifecycle_.makeAppWatcher(app);
+    }
+    if (!watcher) {
+        log.warning("WARNING: %@ not found.", app);
+        runStep(lifecycle_.showAppRemovalAlert);
+        runStep(lifecycle_.demote);
+        return;
+    }
+
+    if (bundleVersionsMatch()) {
+        watcher->start(
+            [this, app] {
+                platform_.log.warning(
+                    "WARNING: %@ is being replaced or removed, determining which...", app);
+                stopAllServices();
+            },
+            [this, app] {
+                platform_.log.warning("WARNING: %@ was replaced.", app);
+                runStep(lifecycle_.showAppReplacementAlert);
+                runStep(lifecycle_.update);
+            },
+            [this, app] {
+                platform_.log.warning("WARNING: %@ was removed.", app);
+                runStep(lifecycle_.showAppRemovalAlert);
+                runStep(lifecycle_.demote);
+            });
+        startRequestListener();
+        return;
+    }
+
+    // Versions differ. With two or more services parked for the update the
+    // daemon stays idle, without a listener, until it is restarted.
+    const auto parked = preferences_.previouslyEnabledServices();
+    const std::size_t count = (parked && parked->array() != nullptr) ? parked->array()->size() : 0;
+    if (count < 2) {
+        log.warning("WARNING: %@ was replaced.", app);
+        runStep(lifecycle_.showAppReplacementAlert);
+        runStep(lifecycle_.update);
+    }
+}
+
+bool TYSupervisor::bundleVersionsMatch() const {
+    const auto daemon = platform_.bundleInfo.infoDictionary(platform_.paths.installedDaemon());
+    const auto app = platform_.bundleInfo.infoDictionary(platform_.paths.appBundle());
+    if (!daemon || !app) {
+        return false;
+    }
+    const std::string* daemonVersion = daemon->stringAt("CFBundleVersion");
+    const std::string* appVersion = app->stringAt("CFBundleShortVersionString");
+    return daemonVersion != nullptr && appVersion != nullptr && *daemonVersion == *appVersion;
+}
+
+std::string TYSupervisor::currentSetupStatus() const {
+    // All four facts are read every time, in this order.
+    const bool backendEnabled = preferences_.serviceIsEnabled("com.orvane.tessaryadmind.backend");
+    const bool setupDone = platform_.files.exists(platform_.paths.setupDoneMarker());
+    const bool versionsMatch = bundleVersionsMatch();
+    const auto parked = preferences_.previouslyEnabledServices();
+    const std::size_t count = (parked && parked->array() != nullptr) ? parked->array()->size() : 0;
+    if (setupDone && backendEnabled && versionsMatch) {
+        return "configured";
+    }
+    return count < 2 ? "unconfigured" : "updatable";
+}
+
+}  // namespace tessary
