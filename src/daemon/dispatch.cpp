@@ -62,6 +62,10 @@ const std::map<std::string, TYSupervisor::Handler, std::less<>>& handlers() {
         {"startCalendarIntervals", &TYSupervisor::startCalendarIntervalsWithArguments},
         {"create", &TYSupervisor::createWithArguments},
         {"destroy", &TYSupervisor::destroyWithArguments},
+        {"demote", &TYSupervisor::demoteWithArguments},
+        {"restoreServices", &TYSupervisor::restoreServicesWithArguments},
+        {"beginPromotion", &TYSupervisor::beginPromotionWithArguments},
+        {"endPromotion", &TYSupervisor::endPromotionWithArguments},
     };
     return table;
 }

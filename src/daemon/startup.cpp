@@ -10,12 +10,6 @@ constexpr const char* kAdminRight = "system.privilege.admin";
 
 }  // namespace
 
-void TYSupervisor::runStep(const std::function<void()>& step) const {
-    if (step) {
-        step();
-    }
-}
-
 void TYSupervisor::init() {
     preferences_.upgradePreferences();
 
@@ -23,8 +17,8 @@ void TYSupervisor::init() {
     const auto minimum = platform_.productInfo.minimumTessaryVersion();
     setIsIncompatibleVersion(installed && minimum && compareVersions(*minimum, *installed) > 0);
 
-    runStep(lifecycle_.checkForActivePromotion);
-    runStep(lifecycle_.checkForUpdate);
+    checkForActivePromotion();
+    checkForUpdate();
 
     CommandTable rights;
     for (const char* command : {"demote", "list", "enable", "disable", "reset", "programArguments",
@@ -55,8 +49,8 @@ void TYSupervisor::start() {
                                                    : std::nullopt);
         loadServices();
         syncServices();
-        if (lifecycle_.startPowerWatcher) {
-            lifecycle_.startPowerWatcher(
+        if (watchers_.startPowerWatcher) {
+            watchers_.startPowerWatcher(
                 [this] {
                     setDrowsy(true);
                     syncServices();
@@ -66,19 +60,19 @@ void TYSupervisor::start() {
                     syncServices();
                 });
         }
-    } else if (!(lifecycle_.avoidShowingAlert && lifecycle_.avoidShowingAlert())) {
-        runStep(lifecycle_.showIncompatibleTessaryVersionAlert);
+    } else if (!avoidShowingAlert()) {
+        showIncompatibleTessaryVersionAlert();
     }
 
     const std::string app = paths.appBundle();
-    std::optional<LifecycleSteps::AppWatcher> watcher;
-    if (lifecycle_.makeAppWatcher) {
-        watcher = lifecycle_.makeAppWatcher(app);
+    std::optional<WatcherFactories::AppWatcher> watcher;
+    if (watchers_.makeAppWatcher) {
+        watcher = watchers_.makeAppWatcher(app);
     }
     if (!watcher) {
         log.warning("WARNING: %@ not found.", app);
-        runStep(lifecycle_.showAppRemovalAlert);
-        runStep(lifecycle_.demote);
+        showAppRemovalAlert();
+        demote();
         return;
     }
 
@@ -91,13 +85,13 @@ void TYSupervisor::start() {
             },
             [this, app] {
                 platform_.log.warning("WARNING: %@ was replaced.", app);
-                runStep(lifecycle_.showAppReplacementAlert);
-                runStep(lifecycle_.update);
+                showAppReplacementAlert();
+                update();
             },
             [this, app] {
                 platform_.log.warning("WARNING: %@ was removed.", app);
-                runStep(lifecycle_.showAppRemovalAlert);
-                runStep(lifecycle_.demote);
+                showAppRemovalAlert();
+                demote();
             });
         startRequestListener();
         return;
@@ -109,8 +103,8 @@ void TYSupervisor::start() {
     const std::size_t count = (parked && parked->array() != nullptr) ? parked->array()->size() : 0;
     if (count < 2) {
         log.warning("WARNING: %@ was replaced.", app);
-        runStep(lifecycle_.showAppReplacementAlert);
-        runStep(lifecycle_.update);
+        showAppReplacementAlert();
+        update();
     }
 }
 

@@ -26,22 +26,13 @@ struct CommandRequest {
     std::optional<plist::Bytes> arguments;
 };
 
-// What start-up hands to the watchers and the app's-fate handling, which
-// live apart from the core: each is a step start-up calls at its place.
-struct LifecycleSteps {
-    std::function<void()> checkForActivePromotion;
-    std::function<void()> checkForUpdate;
-    std::function<void()> update;
-    std::function<void()> demote;
-    std::function<bool()> avoidShowingAlert;
-    std::function<void()> showIncompatibleTessaryVersionAlert;
-    std::function<void()> showAppReplacementAlert;
-    std::function<void()> showAppRemovalAlert;
+// The watchers live apart from the core; start-up makes them through these.
+struct WatcherFactories {
     // Makes and starts the power watcher with its two handlers.
     std::function<void(std::function<void()> willSleep, std::function<void()> didWake)>
         startPowerWatcher;
     // Makes the app watcher for the bundle; none when it cannot (the app is
-    // not there). `start` wires the three handlers and starts it.
+    // not there). `start` sets the three handlers and starts it.
     struct AppWatcher {
         std::function<void(std::function<void()> willChange, std::function<void()> wasReplaced,
                            std::function<void()> wasRemoved)>
@@ -83,7 +74,7 @@ class TYSupervisor final : public ServiceOwner {
     // Start-up.
     void init();
     void start();
-    void setLifecycleSteps(LifecycleSteps steps) { lifecycle_ = std::move(steps); }
+    void setWatcherFactories(WatcherFactories f) { watchers_ = std::move(f); }
     bool bundleVersionsMatch() const;
     std::string currentSetupStatus() const;
 
@@ -114,6 +105,27 @@ class TYSupervisor final : public ServiceOwner {
     std::optional<plist::Dictionary> startCalendarIntervalsWithArguments(Arguments& arguments);
     std::optional<plist::Dictionary> createWithArguments(Arguments& arguments);
     std::optional<plist::Dictionary> destroyWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> beginPromotionWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> endPromotionWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> restoreServicesWithArguments(Arguments& arguments);
+    std::optional<plist::Dictionary> demoteWithArguments(Arguments& arguments);
+
+    // Promotion, demotion and self-update.
+    void checkForActivePromotion();
+    void checkForUpdate();
+    void demote();
+    void finishDemotion();
+    void update();
+    void createPowerAssertion();
+    void releasePowerAssertion();
+
+    // Notices and clean-up jobs.
+    bool avoidShowingAlert() const;
+    void showIncompatibleTessaryVersionAlert() const;
+    void showAppReplacementAlert() const;
+    void showAppRemovalAlert() const;
+    void startUninstallExtrasService();
+    void startKillallTessaryAppsService();
 
     // Loading.
     void loadServices();
@@ -127,7 +139,8 @@ class TYSupervisor final : public ServiceOwner {
 
   private:
     std::optional<plist::Dictionary> enable(Arguments& arguments, bool enabled);
-    void runStep(const std::function<void()>& step) const;
+    int showNotice(const std::string& header, const std::string& message) const;
+    void startCleanupJob(const char* label, const char* script);
 
     Platform& platform_;
     mutable TYSupervisorPreferences preferences_;
@@ -141,7 +154,9 @@ class TYSupervisor final : public ServiceOwner {
     Guarded<CommandTable> rights_;
     Guarded<CommandTable> requirements_;
 
-    LifecycleSteps lifecycle_;
+    WatcherFactories watchers_;
+    // Exit watches of promoting clients, each kept until its client exits.
+    std::set<std::shared_ptr<QueueSourcePtr>> clientWatches_;
     std::unique_ptr<MessageListener> listener_;
     // Client connections, kept from their arrival until they report
     // themselves invalid.

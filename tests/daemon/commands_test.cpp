@@ -24,6 +24,8 @@ class CommandsTest : public testing::DaemonFixture {
         }
         prefs.setServiceEnabled("one", true);
         prefs.setServiceEnabled("three", true);
+        // A machine set up earlier: start-up parks nothing.
+        testing::writeFile(t.paths.setupDoneMarker(), "");
         startDaemon();
         t.log.clear();
     }
@@ -72,7 +74,6 @@ TEST_F(CommandsTest, ListEnableDisableAndReset) {
 TEST_F(CommandsTest, StatusReadsFourFacts) {
     auto status = [&] { return *command("status", {}, false).data->stringAt("status"); };
     prefs.setServiceEnabled("com.orvane.tessaryadmind.backend", true);
-    testing::writeFile(t.paths.setupDoneMarker(), "");
     EXPECT_EQ(status(), "configured");
     setVersions(kDaemonVersion, "5.11");
     EXPECT_EQ(status(), "unconfigured");

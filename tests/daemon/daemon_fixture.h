@@ -11,7 +11,7 @@
 namespace tessary::testing {
 
 // A supervisor on the doubles, with an app bundle whose version matches the
-// daemon's and a record of the start-up steps that other parts provide.
+// daemon's, and watchers that record how start-up made them.
 class DaemonFixture : public ::testing::Test {
   protected:
     static constexpr std::int32_t kClientPid = 4242;
@@ -19,40 +19,28 @@ class DaemonFixture : public ::testing::Test {
     DaemonFixture() {
         setVersions(kDaemonVersion, kDaemonVersion);
         std::filesystem::create_directories(t.paths.appResources());
-        LifecycleSteps lifecycle;
-        auto record = [this](const char* name) {
-            return [this, name] { this->steps.push_back(name); };
-        };
-        lifecycle.checkForActivePromotion = record("checkForActivePromotion");
-        lifecycle.checkForUpdate = record("checkForUpdate");
-        lifecycle.update = record("update");
-        lifecycle.demote = record("demote");
-        lifecycle.avoidShowingAlert = [this] { return avoidAlert; };
-        lifecycle.showIncompatibleTessaryVersionAlert =
-            record("showIncompatibleTessaryVersionAlert");
-        lifecycle.showAppReplacementAlert = record("showAppReplacementAlert");
-        lifecycle.showAppRemovalAlert = record("showAppRemovalAlert");
-        lifecycle.startPowerWatcher = [this](std::function<void()> sleep,
-                                             std::function<void()> wake) {
-            this->steps.push_back("startPowerWatcher");
+        WatcherFactories watchers;
+        watchers.startPowerWatcher = [this](std::function<void()> sleep,
+                                            std::function<void()> wake) {
+            steps.push_back("startPowerWatcher");
             willSleep = std::move(sleep);
             didWake = std::move(wake);
         };
-        lifecycle.makeAppWatcher =
-            [this](const std::string& path) -> std::optional<LifecycleSteps::AppWatcher> {
+        watchers.makeAppWatcher =
+            [this](const std::string& path) -> std::optional<WatcherFactories::AppWatcher> {
             if (!std::filesystem::exists(path)) {
                 return std::nullopt;
             }
-            return LifecycleSteps::AppWatcher{[this](std::function<void()> change,
-                                                     std::function<void()> replaced,
-                                                     std::function<void()> removed) {
-                this->steps.push_back("startAppWatcher");
+            return WatcherFactories::AppWatcher{[this](std::function<void()> change,
+                                                       std::function<void()> replaced,
+                                                       std::function<void()> removed) {
+                steps.push_back("startAppWatcher");
                 willChange = std::move(change);
                 wasReplaced = std::move(replaced);
                 wasRemoved = std::move(removed);
             }};
         };
-        supervisor.setLifecycleSteps(std::move(lifecycle));
+        supervisor.setWatcherFactories(std::move(watchers));
     }
 
     void setVersions(const std::string& daemon, const std::string& app) {
@@ -144,7 +132,6 @@ class DaemonFixture : public ::testing::Test {
     TestPlatform t;
     TYSupervisor supervisor{t.platform};
     std::vector<std::string> steps;
-    bool avoidAlert = false;
     std::function<void()> willSleep, didWake, willChange, wasReplaced, wasRemoved;
     std::vector<std::shared_ptr<FakeConnection>> connections;
     int forms = 0;

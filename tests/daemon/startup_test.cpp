@@ -20,15 +20,22 @@ TEST(VersionCompare, DigitRunsCompareByValue) {
 class StartupTest : public testing::DaemonFixture {
   protected:
     void makeApp() { testing::writeFile(t.paths.appResources() + "/AppIcon.icns", "icon v1"); }
+    std::vector<std::string> noticeHeaders() {
+        std::vector<std::string> out;
+        for (const auto& n : t.notices.shown) {
+            out.push_back(n.header);
+        }
+        return out;
+    }
 };
 
 TEST_F(StartupTest, CompatibleMatchingAppLoadsServicesAndOpensTheChannel) {
     makeApp();
     t.addDefinition("a.plist", testing::definition("a"));
     supervisor.preferences().setServiceEnabled("a", true);
+    testing::writeFile(t.paths.setupDoneMarker(), "");  // set up earlier: nothing parked
     startDaemon();
-    EXPECT_EQ(steps, (std::vector<std::string>{"checkForActivePromotion", "checkForUpdate",
-                                               "startPowerWatcher", "startAppWatcher"}));
+    EXPECT_EQ(steps, (std::vector<std::string>{"startPowerWatcher", "startAppWatcher"}));
     EXPECT_TRUE(t.serviceManager.isLoaded("a"));
     EXPECT_TRUE(t.messages.listener != nullptr && t.messages.listener->active);
     EXPECT_EQ(supervisor.preferences().version().value(), Value("5.11.1"));
@@ -44,15 +51,17 @@ TEST_F(StartupTest, CompatibleMatchingAppLoadsServicesAndOpensTheChannel) {
     didWake();
     EXPECT_FALSE(supervisor.drowsy());
 
-    // The app watcher's handlers: will-change stops everything.
+    // The app watcher's handlers: will-change stops everything; replaced and
+    // removed tell the user, then update or demote on the next turn.
+    const std::string app = t.paths.appBundle();
     willChange();
     EXPECT_FALSE(t.serviceManager.isLoaded("a"));
+    EXPECT_FALSE(std::filesystem::exists(t.paths.setupDoneMarker()));
     wasReplaced();
     wasRemoved();
-    EXPECT_EQ(std::vector<std::string>(steps.end() - 4, steps.end()),
-              (std::vector<std::string>{"showAppReplacementAlert", "update", "showAppRemovalAlert",
-                                        "demote"}));
-    const std::string app = t.paths.appBundle();
+    EXPECT_EQ(noticeHeaders(), (std::vector<std::string>{"Tessary app replacement detected.",
+                                                         "Tessary app removal detected."}));
+    EXPECT_EQ(t.queue.pendingWork(), 2U);
     EXPECT_EQ(t.log.countStartingWith("WARNING: " + app +
                                       " is being replaced or removed, determining which..."),
               1U);
@@ -66,23 +75,20 @@ TEST_F(StartupTest, IncompatibleAppLoadsNothingButStillAnswers) {
     supervisor.preferences().setServiceEnabled("a", true);
     t.productInfo.installed = "5.9";
     t.productInfo.minimum = "5.10";
-    avoidAlert = true;
-    startDaemon();
+    startDaemon();  // nobody logged in: the notice is held back
     EXPECT_TRUE(supervisor.isIncompatibleVersion());
     EXPECT_FALSE(supervisor.services());
     EXPECT_FALSE(t.serviceManager.isLoaded("a"));
     EXPECT_FALSE(supervisor.preferences().version());
-    EXPECT_EQ(steps, (std::vector<std::string>{"checkForActivePromotion", "checkForUpdate",
-                                               "startAppWatcher"}));
+    EXPECT_TRUE(t.notices.shown.empty());
+    EXPECT_EQ(steps, (std::vector<std::string>{"startAppWatcher"}));
     EXPECT_TRUE(t.messages.listener->active);
 
-    avoidAlert = false;
-    steps.clear();
-    TYSupervisor again(t.platform);
-    again.setLifecycleSteps({});
-    supervisor.init();
+    t.runningApplications.apps = {{{1, "com.orvane.trovel"}}};
     supervisor.start();
-    EXPECT_EQ(steps[2], "showIncompatibleTessaryVersionAlert");
+    EXPECT_EQ(noticeHeaders(),
+              (std::vector<std::string>{"The installed version of Tessary is no longer supported "
+                                        "on this version of Velora."}));
 }
 
 TEST_F(StartupTest, VersionRulesForCompatibility) {
@@ -104,32 +110,31 @@ TEST_F(StartupTest, MissingAppDemotesWithoutAChannel) {
     startDaemon();
     EXPECT_EQ(t.log.lines(),
               (std::vector<std::string>{"WARNING: " + t.paths.appBundle() + " not found."}));
-    EXPECT_EQ(std::vector<std::string>(steps.end() - 2, steps.end()),
-              (std::vector<std::string>{"showAppRemovalAlert", "demote"}));
+    EXPECT_EQ(noticeHeaders(), (std::vector<std::string>{"Tessary app removal detected."}));
     EXPECT_EQ(t.messages.listener, nullptr);
+    // The self-removal runs on the next turn and ends the process with 0.
+    EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
+    EXPECT_EQ(t.process.exitStatus, 0);
 }
 
 TEST_F(StartupTest, DifferentVersionsUpdateOnlyWithFewerThanTwoParkedServices) {
     makeApp();
     setVersions("5.11.1", "5.11");
     supervisor.preferences().setServiceEnabled("x", true);
-    supervisor.preferences().savePreviouslyEnabledServices();
-    startDaemon();
+    startDaemon();  // the update check parks "x"
     EXPECT_EQ(t.log.lines(),
               (std::vector<std::string>{"WARNING: " + t.paths.appBundle() + " was replaced."}));
-    EXPECT_EQ(std::vector<std::string>(steps.end() - 2, steps.end()),
-              (std::vector<std::string>{"showAppReplacementAlert", "update"}));
+    EXPECT_EQ(noticeHeaders(), (std::vector<std::string>{"Tessary app replacement detected."}));
+    EXPECT_EQ(t.queue.pendingWork(), 1U);  // the self-update
     EXPECT_EQ(t.messages.listener, nullptr);
 
     // With two parked services nothing at all happens, and no listener opens.
-    steps.clear();
     t.log.clear();
+    t.notices.shown.clear();
     supervisor.preferences().setServiceEnabled("y", true);
-    supervisor.preferences().setServiceEnabled("z", true);
-    supervisor.preferences().savePreviouslyEnabledServices();
-    supervisor.start();
-    EXPECT_TRUE(t.log.empty());
-    EXPECT_EQ(steps, (std::vector<std::string>{"startPowerWatcher"}));
+    startDaemon();
+    EXPECT_TRUE(t.log.empty()) << ::testing::PrintToString(t.log.lines());
+    EXPECT_TRUE(t.notices.shown.empty());
     EXPECT_EQ(t.messages.listener, nullptr);
 }
 

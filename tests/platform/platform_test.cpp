@@ -76,9 +76,7 @@ TEST(SdEventQueue, RunsWorkTimersAndDescriptorsInOrder) {
         });
     }
     cancelled.reset();
-    const auto start = queue.now();
     EXPECT_EQ(queue.run(), 7);
-    EXPECT_GE(queue.now() - start, 20ms);
     EXPECT_EQ(order, (std::vector<std::string>{"post 0", "post 1", "post 2", "posted by post 0",
                                                "timer 5ms", "readable", "timer 20ms"}));
 }

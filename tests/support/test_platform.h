@@ -16,6 +16,7 @@
 #include "platform/platform.h"
 #include "plist/codec.h"
 #include "support/temp_dir.h"
+#include "support/value_printer.h"
 
 namespace tessary::testing {
 

@@ -1,0 +1,231 @@
+#include "daemon_fixture.h"
+
+namespace tessary {
+namespace {
+
+using plist::Array;
+using plist::Dictionary;
+using plist::Value;
+using testing::FaultyFileOperations;
+
+class AppFateTest : public testing::DaemonFixture {
+  protected:
+    AppFateTest() {
+        testing::writeFile(t.paths.installedDaemon(), "old daemon");
+        testing::writeFile(t.paths.daemonJobDefinition(), "job");
+        testing::writeFile(t.paths.supportDirectory() + "/AppIcon.icns", "icon");
+        testing::writeFile(t.paths.setupDoneMarker(), "");
+    }
+    bool exists(const std::string& p) { return std::filesystem::exists(p); }
+    TYSupervisorPreferences& prefs = supervisor.preferences();
+};
+
+TEST_F(AppFateTest, UnfinishedPromotionIsCleanedUpAtStart) {
+    prefs.setServiceEnabled("a", true);
+    prefs.setServiceEnabled("b", false);
+    prefs.setActivePromotionType("updatable");
+    prefs.savePreviouslyEnabledServices();
+    prefs.setServiceEnabled("c", true);
+    supervisor.checkForActivePromotion();
+    EXPECT_EQ(t.log.lines(), (std::vector<std::string>{"WARNING: Incomplete promotion detected."}));
+    EXPECT_FALSE(exists(t.paths.setupDoneMarker()));
+    EXPECT_FALSE(prefs.activePromotionType());
+    EXPECT_FALSE(prefs.serviceIsEnabled("c"));
+    EXPECT_TRUE(prefs.serviceIsPreviouslyEnabled("a"));
+    EXPECT_FALSE(t.process.exitStatus);
+
+    // Begun on a machine never set up: the daemon removes itself.
+    prefs.setActivePromotionType("unconfigured");
+    EXPECT_THROW(supervisor.checkForActivePromotion(), testing::ProcessExited);
+    EXPECT_EQ(t.process.exitStatus, 0);
+    EXPECT_FALSE(prefs.previouslyEnabledServices());
+    const auto job = t.serviceManager.jobFor("com.orvane.tessaryd.UninstallExtras");
+    ASSERT_TRUE(job);
+    EXPECT_EQ(*job->find("RunAtLoad"), Value::boolean(true));
+    EXPECT_EQ((*job->find("ProgramArguments")->array())[2],
+              Value("shopt -s nullglob; for f in /Library/Tessary/.UninstallExtras/*; do syslog -s "
+                    "-k Sender com.orvane.tessaryd.UninstallExtras -k Level 5 -k Message "
+                    "\"Running $f...\"; \"$f\"; done; rm -rf /Library/Tessary/.UninstallExtras; "
+                    "jobtool remove com.orvane.tessaryd.UninstallExtras;"));
+    EXPECT_FALSE(exists(t.paths.installedDaemon()));
+    EXPECT_FALSE(exists(t.paths.daemonJobDefinition()));
+    EXPECT_FALSE(exists(t.paths.supportDirectory()));
+    EXPECT_EQ(t.process.slept, std::chrono::seconds(2));
+    EXPECT_EQ(t.serviceManager.removed().back(), "com.orvane.tessaryd");
+}
+
+TEST_F(AppFateTest, UpdateCheckParksServicesAfterAnAppChange) {
+    prefs.setServiceEnabled("com.orvane.tessaryadmind.backend", true);
+    prefs.setServiceEnabled("x", true);
+    prefs.setVersion("5.11.1");
+    supervisor.checkForUpdate();  // settled: everything stays
+    EXPECT_TRUE(exists(t.paths.setupDoneMarker()));
+    EXPECT_TRUE(prefs.serviceIsEnabled("x"));
+
+    setVersions("5.11.1", "5.12");
+    supervisor.checkForUpdate();
+    EXPECT_FALSE(exists(t.paths.setupDoneMarker()));
+    EXPECT_FALSE(prefs.serviceIsEnabled("x"));
+    EXPECT_TRUE(prefs.serviceIsPreviouslyEnabled("x"));
+    EXPECT_TRUE(prefs.serviceIsPreviouslyEnabled("com.orvane.tessaryadmind.backend"));
+}
+
+TEST_F(AppFateTest, SelfUpdateReplacesTheExecutableOrDemotes) {
+    testing::writeFile(t.paths.appDaemonCopy(), "new daemon");
+    supervisor.update();
+    EXPECT_TRUE(t.log.empty());  // deferred to the next turn
+    EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
+    EXPECT_EQ(t.process.exitStatus, 0);
+    EXPECT_EQ(testing::readFile(t.paths.installedDaemon()), "new daemon");
+    EXPECT_FALSE(exists(t.paths.setupDoneMarker()));
+    EXPECT_TRUE(t.serviceManager.isLoaded("com.orvane.tessaryd.killallTessaryApps"));
+    EXPECT_EQ(
+        (*t.serviceManager.jobFor("com.orvane.tessaryd.killallTessaryApps")
+              ->find("ProgramArguments")
+              ->array())[2],
+        Value("killall -KILL Tessary; jobtool remove com.orvane.tessaryd.killallTessaryApps;"));
+}
+
+TEST_F(AppFateTest, FailedSelfUpdateSaysWhyAndDemotes) {
+    t.files.fail(FaultyFileOperations::Op::Remove, EROFS);
+    supervisor.update();
+    // The failure demotes, and the demotion ends the process.
+    EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
+    t.files.heal();
+    std::vector<std::string> lines;
+    for (const auto& e : t.log.entries()) {
+        if (e.level == LogLevel::Warning) {
+            lines.push_back(e.text);
+        }
+    }
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0], "WARNING: Removal of com.orvane.tessaryd failed");
+    EXPECT_TRUE(lines[1].starts_with("WARNING: Error updating com.orvane.tessaryd "));
+    EXPECT_NE(lines[1].find("Read-only file system"), std::string::npos);
+    EXPECT_TRUE(t.serviceManager.isLoaded("com.orvane.tessaryd.UninstallExtras"));
+
+    // An app without a daemon inside: removal works, copying fails.
+    t.log.clear();
+    testing::writeFile(t.paths.installedDaemon(), "old daemon");
+    supervisor.update();
+    EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
+    EXPECT_EQ(t.log.lines()[0], "WARNING: Copying of com.orvane.tessaryd failed");
+    EXPECT_TRUE(t.log.lines()[1].starts_with("WARNING: Error updating com.orvane.tessaryd "));
+}
+
+TEST_F(AppFateTest, NoticesAndWhenTheFirstIsHeldBack) {
+    EXPECT_TRUE(supervisor.avoidShowingAlert());  // nobody logged in
+    t.runningApplications.apps = {{{1, "com.example.other"}}};
+    EXPECT_TRUE(supervisor.avoidShowingAlert());  // no file manager
+    t.runningApplications.apps->push_back({2, "com.orvane.trovel"});
+    EXPECT_FALSE(supervisor.avoidShowingAlert());
+    t.runningApplications.menuBarOwner = RunningApplication{3, "com.orvane.Movanta"};
+    EXPECT_TRUE(supervisor.avoidShowingAlert());
+    t.runningApplications.menuBarOwner.reset();
+    t.runningApplications.frontmost = RunningApplication{3, "com.orvane.Movanta"};
+    EXPECT_TRUE(supervisor.avoidShowingAlert());
+
+    t.runningApplications.version = {10, 11, 6};
+    t.notices.result = 7;
+    supervisor.showIncompatibleTessaryVersionAlert();
+    supervisor.showAppReplacementAlert();
+    supervisor.showAppRemovalAlert();
+    ASSERT_EQ(t.notices.shown.size(), 3U);
+    const UserNotice& n = t.notices.shown[0];
+    EXPECT_EQ(
+        n.header,
+        "The installed version of Tessary is no longer supported on this version of Kestrine.");
+    EXPECT_EQ(n.level, UserNotice::Level::Note);
+    EXPECT_EQ(n.timeout, 0);
+    EXPECT_EQ(n.iconPath, t.paths.supportDirectory() + "/AppIcon.icns");
+    EXPECT_EQ(n.localizationPath, "/System/Library/PrivateFrameworks/TessaryInformation.framework");
+    EXPECT_FALSE(n.buttonTitle);
+    EXPECT_EQ(t.log.lines(),
+              (std::vector<std::string>{
+                  "WARNING: Failed to notify user of incompatible tessary version.: 7",
+                  "WARNING: Failed to notify user of app replacement: 7",
+                  "WARNING: Failed to notify user of app removal: 7"}));
+}
+
+class PromotionTest : public testing::DaemonFixture {
+  protected:
+    PromotionTest() {
+        t.addDefinition("backend.plist", testing::definition("com.orvane.tessaryadmind.backend"));
+        t.addDefinition("svc.plist", testing::definition("svc"));
+        startDaemon();
+        t.log.clear();
+    }
+    TYSupervisorPreferences& prefs = supervisor.preferences();
+};
+
+TEST_F(PromotionTest, PromotionThatEnds) {
+    EXPECT_EQ(command("beginPromotion", {}, true).code, 0);  // senderPID is always added
+    EXPECT_EQ(prefs.activePromotionType().value(), Value("unconfigured"));
+    EXPECT_NE(supervisor.powerAssertion(), 0U);
+    EXPECT_TRUE(t.serviceManager.isLoaded("com.orvane.tessaryadmind.backend"));
+    EXPECT_EQ(t.exitWatch.watchCount(kClientPid), 1U);
+
+    prefs.setServiceEnabled("svc", true);
+    prefs.savePreviouslyEnabledServices();
+    const auto end = command("endPromotion");
+    EXPECT_EQ(end.code, 0);
+    EXPECT_TRUE(std::filesystem::exists(t.paths.setupDoneMarker()));
+    EXPECT_FALSE(prefs.activePromotionType());
+    EXPECT_FALSE(prefs.previousVersion());
+    EXPECT_EQ(supervisor.powerAssertion(), 0U);
+    EXPECT_TRUE(t.powerAssertions.held.empty());
+    EXPECT_TRUE(prefs.serviceIsEnabled("svc"));
+    EXPECT_TRUE(t.serviceManager.isLoaded("svc"));
+    ASSERT_EQ(t.backupExclusion.calls.size(), 1U);
+    EXPECT_EQ(t.backupExclusion.calls[0].path, "/private/var/db/.TessarySetupDone");
+
+    // The client leaving afterwards ends nothing; its watch goes away.
+    t.exitWatch.exit(kClientPid);
+    EXPECT_FALSE(t.process.exitStatus);
+    EXPECT_EQ(t.exitWatch.watchCount(kClientPid), 0U);
+}
+
+TEST_F(PromotionTest, ClientThatLeavesEarlyEndsTheDaemon) {
+    EXPECT_EQ(command("beginPromotion").code, 0);
+    EXPECT_THROW(t.exitWatch.exit(kClientPid), testing::ProcessExited);
+    EXPECT_EQ(t.process.exitStatus, 0);
+    EXPECT_EQ(t.log.lines().back(), "WARNING: Client 4242 exited before promotion ended.");
+    EXPECT_TRUE(prefs.activePromotionType());  // for the next start to clean up
+}
+
+TEST_F(PromotionTest, FailuresAndRestoration) {
+    TYSupervisor::Arguments none;
+    EXPECT_FALSE(supervisor.beginPromotionWithArguments(none));
+    EXPECT_FALSE(prefs.activePromotionType());
+
+    EXPECT_EQ(command("beginPromotion").code, 0);
+    const auto held = supervisor.powerAssertion();
+    std::filesystem::remove_all(std::filesystem::path(t.paths.setupDoneMarker()).parent_path());
+    EXPECT_EQ(command("endPromotion").code, 1);
+    EXPECT_TRUE(
+        t.log.lines().back().starts_with("WARNING: Creation of .TessarySetupDone failed: "));
+    EXPECT_TRUE(prefs.activePromotionType());
+    EXPECT_EQ(supervisor.powerAssertion(), held);
+
+    const auto restored = command("restoreServices");
+    EXPECT_EQ(restored.data.value(),
+              Value(Dictionary{{"previouslyEnabledServices", Value(Array{})}}));
+    prefs.setServiceEnabled("svc", true);
+    prefs.savePreviouslyEnabledServices();
+    prefs.setServiceEnabled("svc", true);
+    EXPECT_EQ(
+        command("restoreServices").data.value(),
+        Value(Dictionary{{"previouslyEnabledServices",
+                          Value(Array{Value("com.orvane.tessaryadmind.backend"), Value("svc")})}}));
+    EXPECT_TRUE(t.serviceManager.isLoaded("svc"));
+}
+
+TEST_F(PromotionTest, DemoteAnswersFirstThenRemovesTheDaemon) {
+    EXPECT_EQ(command("demote").code, 0);
+    EXPECT_FALSE(prefs.serviceIsEnabled("com.orvane.tessaryadmind.backend"));
+    EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
+    EXPECT_EQ(t.process.exitStatus, 0);
+}
+
+}  // namespace
+}  // namespace tessary
