@@ -7,7 +7,7 @@ packages=(
   g++ cmake ninja-build pkg-config
   libplist-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  python3 clang-format
+  python3 clang-format dbus-daemon polkitd
 )
 
 missing=()

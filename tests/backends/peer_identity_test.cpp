@@ -1,0 +1,102 @@
+#include "platform/linux/peer_identity.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "support/python.h"
+#include "support/temp_dir.h"
+
+namespace tessary::linux_backend {
+namespace {
+
+std::string statLine(const std::string& comm, const std::string& startTime = "777") {
+    // Fields 3 to 21, then the start time, then the rest of a real line.
+    return "4242 (" + comm + ") S 1 4242 4242 0 -1 4194560 120 0 0 0 0 0 0 0 20 0 1 0 " +
+           startTime + " 9400320 900 18446744073709551615 1 1 0 0 0 0 0 0 0 0 0 0 17 1 0 0 0 0 0\n";
+}
+
+TEST(StatLine, StartTimeIsCountedFromTheLastParenthesis) {
+    for (const std::string comm : {"bash", "a) b (c", ") ) ) 5 6", "(", "x y", "", "a)\n1 2"}) {
+        EXPECT_EQ(parseStatStartTime(statLine(comm)), 777U) << comm;
+    }
+    EXPECT_EQ(parseStatStartTime(statLine("a", "18446744073709551615")), UINT64_MAX);
+    EXPECT_EQ(parseStatStartTime(statLine("a", "18446744073709551616")), std::nullopt);
+    EXPECT_EQ(parseStatStartTime(statLine("a", "-1")), std::nullopt);
+    EXPECT_EQ(parseStatStartTime(statLine("a", "7x")), std::nullopt);
+    EXPECT_EQ(parseStatStartTime("4242 (a) S 1 2 3\n"), std::nullopt);
+    EXPECT_EQ(parseStatStartTime("4242 a S 1 2 3"), std::nullopt);
+    EXPECT_EQ(parseStatStartTime(""), std::nullopt);
+}
+
+// A live process whose name is built to mislead a parser that splits the
+// line at the first ')' or at every space.
+TEST(StatLine, HostileProcessNameOfALiveProcess) {
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::prctl(PR_SET_NAME, "a) b (c");
+        (void)::write(ready[1], "x", 1);
+        ::pause();
+        ::_exit(0);
+    }
+    char c;
+    ASSERT_EQ(::read(ready[0], &c, 1), 1);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    EXPECT_EQ(testing::readFile("/proc/" + std::to_string(child) + "/comm"), "a) b (c\n");
+    auto start = processStartTime(child);
+    // An independent reading of the same line.
+    auto python = testing::runPython("print(open('/proc/" + std::to_string(child) +
+                                     "/stat').read().rsplit(')', 1)[1].split()[19])");
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    ASSERT_TRUE(start.ok()) << start.error().description;
+    ASSERT_TRUE(python.ok) << python.output;
+    EXPECT_EQ(std::to_string(start.value()) + "\n", python.output);
+    EXPECT_FALSE(processStartTime(child).ok());  // gone
+}
+
+TEST(ExternalForm, ExactBytesAndStrictReading) {
+    const FormIdentity id{0x01020304, 1000, 0x1122334455667788};
+    const AuthorizationExternalForm form = encodeExternalForm(id);
+    const AuthorizationExternalForm expected = {
+        'T',  'Y',  'A',  'F',  1,    0,    0,    0,    0x04, 0x03, 0x02, 0x01, 0xE8, 0x03, 0, 0,
+        0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 0,    0,    0,    0,    0,    0,    0, 0};
+    EXPECT_EQ(form, expected);
+    EXPECT_EQ(decodeExternalForm(form), id);
+
+    auto changed = [&](std::size_t at, std::uint8_t v) {
+        auto f = form;
+        f[at] = v;
+        return decodeExternalForm(f);
+    };
+    EXPECT_FALSE(changed(0, 't'));    // magic
+    EXPECT_FALSE(changed(4, 2));      // version
+    EXPECT_FALSE(changed(7, 1));      // version, high byte
+    EXPECT_FALSE(changed(24, 1));     // reserved
+    EXPECT_FALSE(changed(31, 0x80));  // reserved
+    EXPECT_FALSE(decodeExternalForm(std::span(form).first(31)));
+
+    PeerIdentity peer;
+    peer.pid = 0x01020304;
+    peer.uid = 1000;
+    EXPECT_FALSE(formNamesPeer(form, peer));  // start time unknown: nothing matches
+    peer.startTime = 0x1122334455667788;
+    EXPECT_TRUE(formNamesPeer(form, peer));
+}
+
+TEST(AuditToken, EightLittleEndianWordsInOrder) {
+    const AuditTokenWords words{1, 2, 3, 4, 5, 0x01020304, kUnsetId, 8};
+    const AuditToken token = encodeAuditToken(words);
+    const AuditToken expected = {1, 0, 0, 0, 2, 0, 0, 0, 3,    0,    0,    0,    4, 0, 0, 0,
+                                 5, 0, 0, 0, 4, 3, 2, 1, 0xFF, 0xFF, 0xFF, 0xFF, 8, 0, 0, 0};
+    EXPECT_EQ(token, expected);
+    EXPECT_EQ(decodeAuditToken(token), words);
+}
+
+}  // namespace
+}  // namespace tessary::linux_backend

@@ -1,0 +1,461 @@
+// tessaryctl: the command-line client of tessaryd.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "client/tessary_client.h"
+#include "plist/codec.h"
+
+namespace {
+
+namespace plist = tessary::plist;
+namespace client = tessary::client;
+
+constexpr int kExitSuccess = 0;
+constexpr int kExitFailed = 1;       // the daemon answered with return code 1
+constexpr int kExitUnreachable = 2;  // no daemon, or no answer in time
+constexpr int kExitUsage = 64;
+
+// How a command's result is shown without --json.
+enum class Output : std::uint8_t {
+    Nothing,        // enable, disable, reset
+    Services,       // list: one "enabled"/"disabled" line per service
+    Status,         // the status word
+    Label,          // create, destroy: the service's label
+    ArgumentLines,  // program arguments, one per line
+    PropertyList,   // sockets, calendar intervals: an XML property list
+};
+
+struct Command {
+    std::string_view name;  // as typed
+    std::string_view wire;  // "commandString"
+    bool takesService;      // SERVICE, under "service"
+    bool takesJob;          // --job JOB, under "job"
+    // --file PLIST goes under this key; empty: no file.
+    std::string_view fileKey;
+    bool fileRequired;
+    bool takesArguments;  // -- ARG..., under "programArguments"
+    // The result key holding the value to show, for the override commands.
+    std::string_view valueKey;
+    Output output;
+};
+
+// Every command the client offers. The promotion commands ("demote",
+// "restoreServices", "beginPromotion", "endPromotion") are not offered yet:
+// each will be one more line here.
+constexpr std::array kCommands = {
+    Command{"list", "list", false, false, "", false, false, "", Output::Services},
+    Command{"status", "status", false, false, "", false, false, "", Output::Status},
+    Command{"enable", "enable", true, false, "", false, false, "", Output::Nothing},
+    Command{"disable", "disable", true, false, "", false, false, "", Output::Nothing},
+    Command{"reset", "reset", true, false, "", false, false, "", Output::Nothing},
+    Command{"program-arguments", "programArguments", true, true, "", false, true,
+            "programArguments", Output::ArgumentLines},
+    Command{"sockets", "sockets", true, true, "sockets", false, false, "sockets",
+            Output::PropertyList},
+    Command{"start-calendar-intervals", "startCalendarIntervals", true, true,
+            "startCalendarIntervals", false, false, "startCalendarIntervals", Output::PropertyList},
+    Command{"create", "create", false, false, "serviceDictionary", true, false, "", Output::Label},
+    Command{"destroy", "destroy", true, false, "", false, false, "", Output::Label},
+};
+
+constexpr const char* kUsage =
+    "usage: tessaryctl [--socket PATH] [--timeout SECONDS] [--json] COMMAND\n"
+    "\n"
+    "commands:\n"
+    "  list                              the services and whether each is enabled\n"
+    "  status                            the setup status\n"
+    "  enable SERVICE                    switch a service on\n"
+    "  disable SERVICE                   switch a service off\n"
+    "  reset SERVICE                     switch a service off and reset it\n"
+    "  program-arguments SERVICE [--job JOB] [-- ARG...]\n"
+    "                                    show, or with ARGs set, a job's arguments\n"
+    "  sockets SERVICE [--job JOB] [--file PLIST]\n"
+    "                                    show, or from PLIST set, a job's sockets\n"
+    "  start-calendar-intervals SERVICE [--job JOB] [--file PLIST]\n"
+    "                                    show, or from PLIST set, a job's start times\n"
+    "  create --file PLIST               add the service PLIST describes\n"
+    "  destroy SERVICE                   remove a service\n"
+    "\n"
+    "exit status: 0 success, 1 the daemon refused, 2 no daemon or no answer,\n"
+    "64 usage error\n";
+
+struct Invocation {
+    const Command* command = nullptr;
+    std::string socket = client::kDefaultSocket;
+    std::chrono::milliseconds timeout = client::kDefaultTimeout;
+    bool json = false;
+    std::optional<std::string> service;
+    std::optional<std::string> job;
+    std::optional<std::string> file;
+    std::optional<std::vector<std::string>> arguments;
+};
+
+// Ends the program with a usage error.
+[[noreturn]] void usageError(const std::string& message) {
+    (void)std::fprintf(stderr, "tessaryctl: %s\n%s", message.c_str(), kUsage);
+    std::exit(kExitUsage);
+}
+
+std::chrono::milliseconds parseTimeout(const std::string& text) {
+    char* end = nullptr;
+    errno = 0;
+    const double seconds = std::strtod(text.c_str(), &end);
+    if (text.empty() || end != text.c_str() + text.size() || errno != 0 ||
+        !std::isfinite(seconds) || seconds <= 0 || seconds > 86400) {
+        usageError("--timeout wants a number of seconds, not \"" + text + "\"");
+    }
+    return std::chrono::milliseconds(static_cast<long long>(std::ceil(seconds * 1000)));
+}
+
+Invocation parseArguments(int argc, char** argv) {
+    Invocation inv;
+    std::vector<std::string> positional;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--") {
+            inv.arguments.emplace(argv + i + 1, argv + argc);
+            break;
+        }
+        if (arg == "-h" || arg == "--help") {
+            (void)std::fputs(kUsage, stdout);
+            std::exit(kExitSuccess);
+        }
+        if (arg.size() < 2 || arg[0] != '-') {
+            positional.push_back(arg);
+            continue;
+        }
+        const std::size_t eq = arg.find('=');
+        const std::string name = arg.substr(0, eq);
+        if (name == "--json" && eq == std::string::npos) {
+            inv.json = true;
+            continue;
+        }
+        if (name != "--socket" && name != "--timeout" && name != "--job" && name != "--file") {
+            usageError("unknown option " + arg);
+        }
+        std::string value;
+        if (eq != std::string::npos) {
+            value = arg.substr(eq + 1);
+        } else if (i + 1 < argc) {
+            value = argv[++i];
+        } else {
+            usageError(name + " wants a value");
+        }
+        if (name == "--socket") {
+            inv.socket = value;
+        } else if (name == "--timeout") {
+            inv.timeout = parseTimeout(value);
+        } else if (name == "--job") {
+            inv.job = value;
+        } else {
+            inv.file = value;
+        }
+    }
+
+    if (positional.empty()) {
+        usageError("no command given");
+    }
+    for (const Command& c : kCommands) {
+        if (c.name == positional[0]) {
+            inv.command = &c;
+        }
+    }
+    const Command* c = inv.command;
+    if (c == nullptr) {
+        usageError("unknown command \"" + positional[0] + "\"");
+    }
+    const std::string name(c->name);
+    if (c->takesService) {
+        if (positional.size() < 2) {
+            usageError(name + " wants a SERVICE");
+        }
+        inv.service = positional[1];
+    }
+    if (positional.size() > (c->takesService ? 2U : 1U)) {
+        usageError("too many arguments for " + name);
+    }
+    if (inv.job && !c->takesJob) {
+        usageError(name + " takes no --job");
+    }
+    if (inv.file && c->fileKey.empty()) {
+        usageError(name + " takes no --file");
+    }
+    if (!inv.file && c->fileRequired) {
+        usageError(name + " wants --file PLIST");
+    }
+    if (inv.arguments && !c->takesArguments) {
+        usageError(name + " takes no arguments after --");
+    }
+    if (inv.arguments && inv.arguments->empty()) {
+        usageError("give at least one argument after --");
+    }
+    return inv;
+}
+
+// The property list in `path`, in any form, checked for the shape the
+// command's key wants.
+plist::Value readPropertyListFile(const std::string& path, std::string_view key) {
+    constexpr std::size_t kLimit = std::size_t{4} * 1024 * 1024;
+    tessary::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat st {};
+    if (!fd || ::fstat(fd.get(), &st) != 0) {
+        usageError(tessary::Error::posix(errno, path).description);
+    }
+    if (!S_ISREG(st.st_mode) || static_cast<std::uint64_t>(st.st_size) > kLimit) {
+        usageError(path + ": not a property-list file");
+    }
+    plist::Bytes bytes(static_cast<std::size_t>(st.st_size));
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::read(fd.get(), bytes.data() + done, bytes.size() - done);
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            usageError(path + ": cannot read it whole");
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    auto value = plist::decode(std::span<const std::uint8_t>(bytes));
+    if (!value) {
+        usageError(path + ": " + value.error().description);
+    }
+    plist::Value v = std::move(value).value();
+    if (key == "startCalendarIntervals") {
+        // One entry may stand alone; the job keeps a list of them.
+        if (v.isDictionary()) {
+            v = plist::Value(plist::Array{v});
+        }
+        if (!v.isArray()) {
+            usageError(path + ": calendar intervals are a dictionary or an array of them");
+        }
+    } else if (!v.isDictionary()) {
+        usageError(path + ": the top level must be a dictionary");
+    }
+    return v;
+}
+
+plist::Dictionary argumentsFor(const Invocation& inv) {
+    plist::Dictionary args;
+    if (inv.service) {
+        args.insert_or_assign("service", plist::Value(*inv.service));
+    }
+    if (inv.job) {
+        args.insert_or_assign("job", plist::Value(*inv.job));
+    }
+    if (inv.file) {
+        args.insert_or_assign(std::string(inv.command->fileKey),
+                              readPropertyListFile(*inv.file, inv.command->fileKey));
+    }
+    if (inv.arguments) {
+        args.insert_or_assign("programArguments", plist::Value(plist::stringArray(*inv.arguments)));
+    }
+    return args;
+}
+
+void appendJsonString(std::string& out, std::string_view s) {
+    out += '"';
+    for (const char ch : s) {
+        const auto c = static_cast<unsigned char>(ch);
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            default:
+                if (c < 0x20) {
+                    char buf[8];
+                    (void)std::snprintf(buf, sizeof buf, "\\u%04x", c);
+                    out += buf;
+                } else {
+                    out += ch;
+                }
+        }
+    }
+    out += '"';
+}
+
+std::string base64(const plist::Bytes& bytes) {
+    static constexpr char kAlphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    for (std::size_t i = 0; i < bytes.size(); i += 3) {
+        const std::size_t n = std::min<std::size_t>(3, bytes.size() - i);
+        std::uint32_t v = static_cast<std::uint32_t>(bytes[i]) << 16;
+        if (n > 1) {
+            v |= static_cast<std::uint32_t>(bytes[i + 1]) << 8;
+        }
+        if (n > 2) {
+            v |= bytes[i + 2];
+        }
+        for (std::size_t k = 0; k < 4; ++k) {
+            out += k <= n ? kAlphabet[(v >> (18 - 6 * k)) & 0x3F] : '=';
+        }
+    }
+    return out;
+}
+
+// JSON for a property list: data as base64 text, dates as ISO 8601 text.
+void appendJson(std::string& out, const plist::Value& v) {
+    switch (v.type()) {
+        case plist::Value::Type::Boolean:
+            out += *v.asBoolean() ? "true" : "false";
+            break;
+        case plist::Value::Type::Integer: {
+            const plist::Integer i = *v.asInteger();
+            out += i.isUnsigned ? std::to_string(i.bits) : std::to_string(i.asSigned());
+            break;
+        }
+        case plist::Value::Type::Real: {
+            const double d = *v.asReal();
+            if (!std::isfinite(d)) {
+                out += "null";
+            } else {
+                char buf[32];
+                (void)std::snprintf(buf, sizeof buf, "%.17g", d);
+                out += buf;
+            }
+            break;
+        }
+        case plist::Value::Type::String:
+            appendJsonString(out, *v.string());
+            break;
+        case plist::Value::Type::Data:
+            appendJsonString(out, base64(*v.data()));
+            break;
+        case plist::Value::Type::Date:
+            appendJsonString(out, v.description());
+            break;
+        case plist::Value::Type::Array: {
+            out += '[';
+            bool first = true;
+            for (const plist::Value& e : *v.array()) {
+                out += first ? "" : ",";
+                first = false;
+                appendJson(out, e);
+            }
+            out += ']';
+            break;
+        }
+        case plist::Value::Type::Dictionary: {
+            out += '{';
+            bool first = true;
+            for (const auto& [key, e] : *v.dictionary()) {
+                out += first ? "" : ",";
+                first = false;
+                appendJsonString(out, key);
+                out += ':';
+                appendJson(out, e);
+            }
+            out += '}';
+            break;
+        }
+    }
+}
+
+void printXml(const plist::Value& v) {
+    auto xml = plist::encode(v, plist::Format::Xml);
+    if (xml) {
+        (void)std::fwrite(xml.value().data(), 1, xml.value().size(), stdout);
+    }
+}
+
+void printReadable(const Command& c, const plist::Value& result) {
+    switch (c.output) {
+        case Output::Nothing:
+            return;
+        case Output::Services:
+            for (const char* key : {"enabledServices", "disabledServices"}) {
+                const char* state = key[0] == 'e' ? "enabled " : "disabled";
+                for (const plist::Value& label : plist::arrayOf(result.find(key))) {
+                    (void)std::printf("%s  %s\n", state, label.description().c_str());
+                }
+            }
+            return;
+        case Output::Status:
+        case Output::Label: {
+            const char* key = c.output == Output::Status ? "status" : "service";
+            if (const plist::Value* v = result.find(key)) {
+                (void)std::printf("%s\n", v->description().c_str());
+            }
+            return;
+        }
+        case Output::ArgumentLines:
+        case Output::PropertyList: {
+            const plist::Value* v = result.find(c.valueKey);
+            if (v == nullptr) {
+                return;  // the job has no such setting
+            }
+            if (c.output == Output::ArgumentLines && v->array() != nullptr) {
+                for (const plist::Value& a : *v->array()) {
+                    (void)std::printf("%s\n", a.description().c_str());
+                }
+            } else {
+                printXml(*v);
+            }
+            return;
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Invocation inv = parseArguments(argc, argv);
+    client::Request request;
+    request.command = std::string(inv.command->wire);
+    if (plist::Dictionary args = argumentsFor(inv); !args.empty()) {
+        request.arguments = std::move(args);
+    }
+    // Every request names its sender; commands that need no right ignore it.
+    if (auto form = client::makeAuthorizationForm()) {
+        request.authorizationForm = form.value();
+    }
+
+    auto reply = client::sendRequest(inv.socket, request, inv.timeout);
+    if (!reply) {
+        const tessary::Error& e = reply.error();
+        (void)std::fprintf(stderr, "tessaryctl: %s\n", e.description.c_str());
+        if (e.code == client::kRequestTooLarge || e.code == client::kInvalidRequest) {
+            return kExitUsage;
+        }
+        return kExitUnreachable;
+    }
+    if (reply.value().returnCode != 0) {
+        (void)std::fprintf(stderr, "tessaryctl: the daemon refused \"%s\"\n",
+                           std::string(inv.command->name).c_str());
+        return kExitFailed;
+    }
+    const plist::Value result = reply.value().result.value_or(plist::Value());
+    if (inv.json) {
+        std::string out;
+        appendJson(out, result);
+        (void)std::printf("%s\n", out.c_str());
+    } else {
+        printReadable(*inv.command, result);
+    }
+    return std::fflush(stdout) == 0 ? kExitSuccess : kExitFailed;
+}
