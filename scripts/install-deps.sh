@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config
-  libplist-dev libsystemd-dev
+  libplist-dev libsystemd-dev systemd
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 clang-format dbus-daemon polkitd
 )

@@ -1,0 +1,7 @@
+# The service-manager role on systemd: the translation of job dictionaries into
+# unit files, and the backend that talks to the manager over its private
+# socket.
+add_library(tessary_systemd STATIC
+  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/systemd/unit_translation.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/systemd/systemd_service_manager.cpp)
+target_link_libraries(tessary_systemd PUBLIC tessary_platform PkgConfig::LIBSYSTEMD)

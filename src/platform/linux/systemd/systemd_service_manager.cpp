@@ -1,0 +1,712 @@
+#include "platform/linux/systemd/systemd_service_manager.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "platform/linux/sd_handles.h"
+#include "platform/linux/systemd/sd_bus_values.h"
+#include "platform/linux/systemd/unit_translation.h"
+
+namespace tessary::linux_backend {
+
+namespace {
+
+constexpr const char* kDestination = "org.freedesktop.systemd1";
+constexpr const char* kManagerPath = "/org/freedesktop/systemd1";
+constexpr const char* kManagerInterface = "org.freedesktop.systemd1.Manager";
+constexpr const char* kUnitInterface = "org.freedesktop.systemd1.Unit";
+constexpr const char* kServiceInterface = "org.freedesktop.systemd1.Service";
+constexpr const char* kDomain = "SystemdServiceManager";
+
+// The manager's own sentence when it sent one, else the errno text; the
+// domain is the D-Bus error name, so that a caller can tell them apart.
+Error busFailure(const std::string& what, int r, const SdBusError& error) {
+    std::string text = what + ": ";
+    std::string domain = "NSPOSIXErrorDomain";
+    if (error.isSet()) {
+        text += error.message() != nullptr ? error.message() : error.name();
+        domain = error.name();
+    } else {
+        text += std::strerror(-r);
+    }
+    return Error{std::move(domain), -r, std::move(text)};
+}
+
+// A D-Bus address for a socket path: every byte outside the few that may
+// stand as they are is %-escaped.
+std::string addressFor(const std::string& busAddress) {
+    if (busAddress.empty() || busAddress.front() != '/') {
+        return busAddress;
+    }
+    std::string out = "unix:path=";
+    for (const char ch : busAddress) {
+        const auto c = static_cast<unsigned char>(ch);
+        if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+            std::strchr("-_/.\\*", c) != nullptr) {
+            out += ch;
+        } else {
+            char buf[4];
+            std::snprintf(buf, sizeof buf, "%%%02x", c);
+            out += buf;
+        }
+    }
+    return out;
+}
+
+// Exit statuses systemd itself uses when it cannot set up or execute a
+// process; the ones a job is likely to hit.
+const char* setupStatusName(int status) {
+    switch (status) {
+        case 200:
+            return "CHDIR";
+        case 203:
+            return "EXEC";
+        case 208:
+            return "STDIN";
+        case 209:
+            return "STDOUT";
+        case 210:
+            return "CHROOT";
+        case 216:
+            return "GROUP";
+        case 217:
+            return "USER";
+        case 222:
+            return "STDERR";
+        default:
+            return nullptr;
+    }
+}
+
+// One connection to the manager, used by one operation on one thread.
+class ManagerBus {
+  public:
+    static Result<ManagerBus> connect(const std::string& address) {
+        sd_bus* raw = nullptr;
+        int r = sd_bus_new(&raw);
+        SdBusPtr bus(raw);
+        if (r >= 0) {
+            r = sd_bus_set_address(raw, address.c_str());
+        }
+        if (r >= 0) {
+            r = sd_bus_start(raw);
+        }
+        if (r < 0) {
+            return Error::posix(-r, "Unable to connect to the service manager at " + address);
+        }
+        return ManagerBus(std::move(bus));
+    }
+
+    // The unit's object, loading it from its file if the manager does not
+    // have it yet.
+    Result<std::string> loadUnit(const std::string& unit) {
+        SdBusError error;
+        sd_bus_message* raw = nullptr;
+        const int r = sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManagerInterface,
+                                         "LoadUnit", error.get(), &raw, "s", unit.c_str());
+        SdBusMessagePtr reply(raw);
+        if (r < 0) {
+            return busFailure("Unable to load " + unit, r, error);
+        }
+        const char* path = nullptr;
+        if (const int q = sd_bus_message_read(raw, "o", &path); q < 0) {
+            return Error::posix(-q, "Unexpected reply loading " + unit);
+        }
+        return std::string(path);
+    }
+
+    Result<std::string> stringProperty(const std::string& path, const char* interface,
+                                       const char* name) {
+        SdBusError error;
+        MallocString value;
+        char* raw = nullptr;
+        const int r = sd_bus_get_property_string(bus_.get(), kDestination, path.c_str(), interface,
+                                                 name, error.get(), &raw);
+        value.reset(raw);
+        if (r < 0) {
+            return busFailure(std::string("Unable to read ") + name + " of " + path, r, error);
+        }
+        return std::string(raw);
+    }
+
+    Result<std::vector<std::string>> stringsProperty(const std::string& path, const char* interface,
+                                                     const char* name) {
+        SdBusError error;
+        MallocStringVector value;
+        const int r = sd_bus_get_property_strv(bus_.get(), kDestination, path.c_str(), interface,
+                                               name, error.get(), value.out());
+        if (r < 0) {
+            return busFailure(std::string("Unable to read ") + name + " of " + path, r, error);
+        }
+        return value.strings();
+    }
+
+    template <class T>
+    Result<T> trivialProperty(const std::string& path, const char* interface, const char* name,
+                              char type) {
+        SdBusError error;
+        T value{};
+        const int r = sd_bus_get_property_trivial(bus_.get(), kDestination, path.c_str(), interface,
+                                                  name, error.get(), type, &value);
+        if (r < 0) {
+            return busFailure(std::string("Unable to read ") + name + " of " + path, r, error);
+        }
+        return value;
+    }
+
+    // The manager's reason for a unit that did not load, as "(ss)".
+    std::string loadError(const std::string& path) {
+        SdBusError error;
+        sd_bus_message* raw = nullptr;
+        const int r = sd_bus_get_property(bus_.get(), kDestination, path.c_str(), kUnitInterface,
+                                          "LoadError", error.get(), &raw, "(ss)");
+        SdBusMessagePtr reply(raw);
+        const char* name = nullptr;
+        const char* message = nullptr;
+        if (r < 0 || sd_bus_message_read(raw, "(ss)", &name, &message) < 0) {
+            return "no reason given";
+        }
+        return message != nullptr && *message != '\0' ? message : (name != nullptr ? name : "");
+    }
+
+    // Queues a start or stop job and returns its object path.
+    Result<std::string> enqueue(const char* method, const std::string& unit) {
+        SdBusError error;
+        sd_bus_message* raw = nullptr;
+        const int r = sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManagerInterface,
+                                         method, error.get(), &raw, "ss", unit.c_str(), "replace");
+        SdBusMessagePtr reply(raw);
+        if (r < 0) {
+            return busFailure(std::string(method) + " " + unit, r, error);
+        }
+        const char* job = nullptr;
+        if (const int q = sd_bus_message_read(raw, "o", &job); q < 0) {
+            return Error::posix(-q, std::string("Unexpected reply to ") + method + " " + unit);
+        }
+        return std::string(job);
+    }
+
+    Status managerCall(const char* method, const std::string& unit = {}) {
+        SdBusError error;
+        sd_bus_message* raw = nullptr;
+        const int r =
+            unit.empty()
+                ? sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManagerInterface,
+                                     method, error.get(), &raw, "")
+                : sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManagerInterface,
+                                     method, error.get(), &raw, "s", unit.c_str());
+        SdBusMessagePtr reply(raw);
+        if (r < 0) {
+            return busFailure(unit.empty() ? std::string(method) : method + (" " + unit), r, error);
+        }
+        return {};
+    }
+
+    // From here on every finished job is recorded. Installed before the call
+    // that makes a job, so that its end cannot slip by; the manager sends
+    // JobRemoved to its private connections without a Subscribe.
+    Status watchJobs() {
+        sd_bus_slot* raw = nullptr;
+        const int r =
+            sd_bus_match_signal(bus_.get(), &raw, nullptr, kManagerPath, kManagerInterface,
+                                "JobRemoved", &ManagerBus::jobRemoved, finished_.get());
+        if (r < 0) {
+            return Error::posix(-r, "Unable to watch the service manager's jobs");
+        }
+        match_.reset(raw);
+        return {};
+    }
+
+    // Waits until every job in `jobs` has ended; their results ("done",
+    // "failed", ...) by job path.
+    Result<std::map<std::string, std::string>> waitForJobs(const std::vector<std::string>& jobs) {
+        for (;;) {
+            std::map<std::string, std::string> results;
+            for (const auto& job : jobs) {
+                if (auto it = finished_->find(job); it != finished_->end()) {
+                    results.insert(*it);
+                }
+            }
+            if (results.size() == jobs.size()) {
+                return results;
+            }
+            int r = sd_bus_process(bus_.get(), nullptr);
+            if (r > 0) {
+                continue;
+            }
+            if (r == 0) {
+                r = sd_bus_wait(bus_.get(), UINT64_MAX);
+            }
+            if (r < 0 && r != -EINTR) {
+                return Error::posix(-r, "Lost the service manager while waiting for its jobs");
+            }
+        }
+    }
+
+  private:
+    using Finished = std::map<std::string, std::string>;
+
+    explicit ManagerBus(SdBusPtr bus) : bus_(std::move(bus)), finished_(new Finished) {}
+
+    static int jobRemoved(sd_bus_message* m, void* userdata, sd_bus_error* /*error*/) {
+        uint32_t id = 0;
+        const char* job = nullptr;
+        const char* unit = nullptr;
+        const char* result = nullptr;
+        if (sd_bus_message_read(m, "uoss", &id, &job, &unit, &result) >= 0) {
+            static_cast<Finished*>(userdata)->insert_or_assign(job, result);
+        }
+        return 0;
+    }
+
+    SdBusPtr bus_;
+    std::unique_ptr<Finished> finished_;  // stays put when the connection is moved
+    SdBusSlotPtr match_;                  // declared last: released first
+};
+
+struct UnitState {
+    std::string path;
+    std::string loadState;
+    std::string activeState;
+    // Loaded, or still running from a file that is gone. A unit that failed
+    // and has no file left is only a record of that failure.
+    bool present() const {
+        return loadState == "loaded" || (activeState != "inactive" && activeState != "failed");
+    }
+};
+
+Result<UnitState> unitState(ManagerBus& bus, const std::string& unit) {
+    auto path = bus.loadUnit(unit);
+    if (!path) {
+        return path.error();
+    }
+    UnitState state;
+    state.path = path.value();
+    auto load = bus.stringProperty(state.path, kUnitInterface, "LoadState");
+    if (!load) {
+        return load.error();
+    }
+    state.loadState = load.value();
+    auto active = bus.stringProperty(state.path, kUnitInterface, "ActiveState");
+    if (!active) {
+        return active.error();
+    }
+    state.activeState = active.value();
+    return state;
+}
+
+// Why a start job did not end in "done", with what the manager knows of the
+// unit's end.
+std::string startFailure(ManagerBus& bus, const std::string& unit, const std::string& path,
+                         const std::string& jobResult) {
+    std::string text = "Job for " + unit + " failed (job result: " + jobResult;
+    if (auto result = bus.stringProperty(path, kUnitInterface, "ActiveState")) {
+        text += "; state: " + result.value();
+    }
+    const bool isService = unit.size() > 8 && unit.ends_with(".service");
+    const char* interface = isService                   ? kServiceInterface
+                            : unit.ends_with(".socket") ? "org.freedesktop.systemd1.Socket"
+                                                        : "org.freedesktop.systemd1.Timer";
+    if (auto result = bus.stringProperty(path, interface, "Result"); result.ok()) {
+        text += "; unit result: " + result.value();
+    }
+    if (isService) {
+        auto code = bus.trivialProperty<int32_t>(path, kServiceInterface, "ExecMainCode", 'i');
+        auto status = bus.trivialProperty<int32_t>(path, kServiceInterface, "ExecMainStatus", 'i');
+        if (code.ok() && status.ok() && code.value() != 0) {
+            if (code.value() == 1) {  // CLD_EXITED
+                text += "; main process exited with status " + std::to_string(status.value());
+                if (const char* name = setupStatusName(status.value())) {
+                    text += std::string("/") + name;
+                }
+            } else {
+                text += "; main process killed by signal " + std::to_string(status.value());
+            }
+        }
+    }
+    return text + ")";
+}
+
+// Writes a unit file so that the manager sees the old file or the new one,
+// never a part: a hidden temporary file beside it (the manager skips hidden
+// files), flushed, renamed over it.
+Status writeUnitFile(const std::string& directory, const UnitFile& unit) {
+    const std::string target = directory + "/" + unit.name;
+    std::string temp = directory + "/." + unit.name + ".XXXXXX";
+    UniqueFd fd(::mkostemp(temp.data(), O_CLOEXEC));
+    if (!fd) {
+        return Error::posix(errno, "Unable to write the unit file '" + target + "'");
+    }
+    const char* data = unit.text.data();
+    std::size_t left = unit.text.size();
+    int err = 0;
+    while (left > 0 && err == 0) {
+        const ssize_t n = ::write(fd.get(), data, left);
+        if (n < 0) {
+            err = errno == EINTR ? 0 : errno;
+            continue;
+        }
+        data += n;
+        left -= static_cast<std::size_t>(n);
+    }
+    if (err == 0 && (::fchmod(fd.get(), 0644) != 0 || ::fsync(fd.get()) != 0)) {
+        err = errno;
+    }
+    if (::close(fd.release()) != 0 && err == 0) {
+        err = errno;
+    }
+    if (err == 0 && ::rename(temp.c_str(), target.c_str()) != 0) {
+        err = errno;
+    }
+    if (err != 0) {
+        ::unlink(temp.c_str());
+        return Error::posix(err, "Unable to write the unit file '" + target + "'");
+    }
+    return {};
+}
+
+Status removeUnitFile(const std::string& directory, const std::string& name) {
+    const std::string path = directory + "/" + name;
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+        return Error::posix(errno, "Unable to delete the unit file '" + path + "'");
+    }
+    return {};
+}
+
+bool unitFileExists(const std::string& directory, const std::string& name) {
+    struct stat st {};
+    return ::lstat((directory + "/" + name).c_str(), &st) == 0;
+}
+
+// Makes sure the manager no longer has any of `units` loaded, now that their
+// files are gone. Usually the manager has already dropped them; one that it
+// still holds from its deleted file (NeedDaemonReload) goes with a Reload. A
+// unit still loaded from a file elsewhere is not the job's to remove.
+Status ensureUnloaded(ManagerBus& bus, const std::vector<std::string>& units) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        bool reload = false;
+        for (const auto& unit : units) {
+            auto path = bus.loadUnit(unit);
+            if (!path) {
+                return path.error();
+            }
+            auto load = bus.stringProperty(path.value(), kUnitInterface, "LoadState");
+            if (!load) {
+                return load.error();
+            }
+            if (load.value() != "loaded") {
+                continue;
+            }
+            auto stale =
+                bus.trivialProperty<int>(path.value(), kUnitInterface, "NeedDaemonReload", 'b');
+            if (stale.ok() && stale.value() != 0 && attempt == 0) {
+                reload = true;
+                continue;
+            }
+            auto fragment = bus.stringProperty(path.value(), kUnitInterface, "FragmentPath");
+            return Error{kDomain, EBUSY,
+                         "The service manager still has " + unit + " loaded after removal" +
+                             (fragment.ok() ? " (from '" + fragment.value() + "')" : "")};
+        }
+        if (!reload) {
+            return {};
+        }
+        if (Status s = bus.managerCall("Reload"); !s) {
+            return s;
+        }
+    }
+    return {};
+}
+
+// Loads freshly written units. A new file loads by itself; one that replaces
+// a file the manager had read needs a Reload, which the manager asks for
+// through NeedDaemonReload. Fails with the manager's reason when a unit does
+// not load.
+Status loadUnits(ManagerBus& bus, const std::vector<std::string>& units) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        bool reload = false;
+        for (const auto& unit : units) {
+            auto path = bus.loadUnit(unit);
+            if (!path) {
+                return path.error();
+            }
+            auto stale =
+                bus.trivialProperty<int>(path.value(), kUnitInterface, "NeedDaemonReload", 'b');
+            if (!stale) {
+                return stale.error();
+            }
+            if (stale.value() != 0 && attempt == 0) {
+                reload = true;
+                continue;
+            }
+            auto load = bus.stringProperty(path.value(), kUnitInterface, "LoadState");
+            if (!load) {
+                return load.error();
+            }
+            if (load.value() != "loaded") {
+                return Error{kDomain, EINVAL,
+                             "The service manager did not load " + unit + " (" + load.value() +
+                                 "): " + bus.loadError(path.value())};
+            }
+        }
+        if (!reload) {
+            return {};
+        }
+        if (Status s = bus.managerCall("Reload"); !s) {
+            return s;
+        }
+    }
+    return {};
+}
+
+Error notAuthorized(std::string_view what) {
+    return Error{kDomain, EPERM,
+                 "Not authorized to " + std::string(what) +
+                     " system jobs: the authorization could not be obtained"};
+}
+
+}  // namespace
+
+// Operations on one label run one at a time; different labels never wait
+// for each other.
+class SystemdServiceManager::LabelGuard {
+  public:
+    LabelGuard(SystemdServiceManager& manager, std::string label)
+        : manager_(manager), label_(std::move(label)) {
+        std::unique_lock lock(manager_.busyMutex_);
+        manager_.busyChanged_.wait(lock, [&] { return manager_.busyLabels_.count(label_) == 0; });
+        manager_.busyLabels_.insert(label_);
+    }
+    ~LabelGuard() {
+        {
+            std::lock_guard lock(manager_.busyMutex_);
+            manager_.busyLabels_.erase(label_);
+        }
+        manager_.busyChanged_.notify_all();
+    }
+    LabelGuard(const LabelGuard&) = delete;
+    LabelGuard& operator=(const LabelGuard&) = delete;
+
+  private:
+    SystemdServiceManager& manager_;
+    std::string label_;
+};
+
+SystemdServiceManager::SystemdServiceManager(SystemdServiceManagerOptions options, SystemLog& log)
+    : options_(std::move(options)), address_(addressFor(options_.busAddress)), log_(log) {}
+
+Status SystemdServiceManager::submitJob(const plist::Value& job,
+                                        const AuthorizationRef& authorization) {
+    if (!authorization) {
+        return notAuthorized("submit");
+    }
+    auto translated = translateJob(job, {options_.helperBinDirectory});
+    if (!translated) {
+        return translated.error();
+    }
+    const UnitTranslation& t = translated.value();
+    for (const auto& key : t.ignoredKeys) {
+        log_.debug("Job %@: ignoring %@, which has no systemd counterpart", t.label, key);
+    }
+    LabelGuard guard(*this, t.label);
+    auto connected = ManagerBus::connect(address_);
+    if (!connected) {
+        return connected.error();
+    }
+    ManagerBus& bus = connected.value();
+
+    std::vector<std::string> names;
+    for (const auto& unit : t.units) {
+        auto state = unitState(bus, unit.name);
+        if (!state) {
+            return state.error();
+        }
+        if (state.value().present()) {
+            return Error{kDomain, EEXIST,
+                         "Job " + t.label + " is already loaded (the service manager has " +
+                             unit.name + ")"};
+        }
+        names.push_back(unit.name);
+    }
+
+    std::vector<std::string> written;
+    Status status;
+    for (const auto& unit : t.units) {
+        status = writeUnitFile(options_.unitDirectory, unit);
+        if (!status) {
+            break;
+        }
+        written.push_back(unit.name);
+    }
+    if (status) {
+        status = loadUnits(bus, names);
+    }
+    if (!status) {
+        // Nothing of the job may stay behind when it could not be loaded.
+        for (const auto& name : written) {
+            (void)removeUnitFile(options_.unitDirectory, name);
+        }
+        (void)ensureUnloaded(bus, written);
+        return status;
+    }
+
+    const std::vector<std::string> toStart = t.unitsToStart();
+    if (toStart.empty()) {
+        return {};
+    }
+    if (Status s = bus.watchJobs(); !s) {
+        return s;
+    }
+    std::vector<std::pair<std::string, std::string>> jobs;  // unit, job path
+    std::vector<std::string> jobPaths;
+    for (const auto& unit : toStart) {
+        auto queued = bus.enqueue("StartUnit", unit);
+        if (!queued) {
+            status = queued.error();
+            break;
+        }
+        jobs.emplace_back(unit, queued.value());
+        jobPaths.push_back(queued.value());
+    }
+    auto results = bus.waitForJobs(jobPaths);
+    if (!results) {
+        return results.error();
+    }
+    if (!status) {
+        return status;
+    }
+    for (const auto& [unit, path] : jobs) {
+        const std::string& result = results.value().at(path);
+        if (result != "done") {
+            auto unitPath = bus.loadUnit(unit);
+            return Error{kDomain, EIO,
+                         startFailure(bus, unit, unitPath ? unitPath.value() : "", result)};
+        }
+    }
+    return {};
+}
+
+Status SystemdServiceManager::removeJob(std::string_view label,
+                                        const AuthorizationRef& authorization, bool wait) {
+    if (!authorization) {
+        return notAuthorized("remove");
+    }
+    if (Status s = checkJobLabel(label); !s) {
+        return s;
+    }
+    LabelGuard guard(*this, std::string(label));
+    auto connected = ManagerBus::connect(address_);
+    if (!connected) {
+        return connected.error();
+    }
+    ManagerBus& bus = connected.value();
+    const std::string service = serviceUnitName(label);
+
+    // The job's units: its service and whatever triggers it (its sockets and
+    // timer), plus the names those usually have, should the service be gone.
+    auto serviceState = unitState(bus, service);
+    if (!serviceState) {
+        return serviceState.error();
+    }
+    std::vector<std::string> triggers;
+    if (serviceState.value().loadState == "loaded") {
+        auto by = bus.stringsProperty(serviceState.value().path, kUnitInterface, "TriggeredBy");
+        if (!by) {
+            return by.error();
+        }
+        triggers = by.value();
+    }
+    for (const char* suffix : {".socket", ".timer"}) {
+        const std::string name = std::string(label) + suffix;
+        if (std::find(triggers.begin(), triggers.end(), name) == triggers.end()) {
+            triggers.push_back(name);
+        }
+    }
+    std::vector<std::string> presentTriggers;
+    std::vector<std::string> files;
+    for (const auto& unit : triggers) {
+        auto state = unitState(bus, unit);
+        if (!state) {
+            return state.error();
+        }
+        if (state.value().present()) {
+            presentTriggers.push_back(unit);
+        }
+        if (state.value().present() || unitFileExists(options_.unitDirectory, unit)) {
+            files.push_back(unit);
+        }
+    }
+    const bool servicePresent = serviceState.value().present();
+    if (servicePresent || unitFileExists(options_.unitDirectory, service)) {
+        files.push_back(service);
+    }
+    if (!servicePresent && presentTriggers.empty() && files.empty()) {
+        return Error{kDomain, ESRCH, "Job " + std::string(label) + " is not loaded"};
+    }
+
+    // Sockets and timers first: stopped after the service, they could start
+    // it again.
+    Status status;
+    if (wait) {
+        if (Status s = bus.watchJobs(); !s) {
+            return s;
+        }
+    }
+    for (const auto& round : {presentTriggers, servicePresent ? std::vector<std::string>{service}
+                                                              : std::vector<std::string>{}}) {
+        std::vector<std::string> jobs;
+        for (const auto& unit : round) {
+            auto queued = bus.enqueue("StopUnit", unit);
+            if (!queued) {
+                status = queued.error();
+                continue;
+            }
+            jobs.push_back(queued.value());
+        }
+        if (wait) {
+            auto results = bus.waitForJobs(jobs);
+            if (!results) {
+                return results.error();
+            }
+        }
+    }
+
+    // Only files in the unit directory are the job's to delete.
+    for (const auto& unit : files) {
+        if (Status s = removeUnitFile(options_.unitDirectory, unit); !s && status) {
+            status = s;
+        }
+        (void)bus.managerCall("ResetFailedUnit", unit);  // fails when not failed
+    }
+    if (!status || !wait) {
+        return status;
+    }
+    return ensureUnloaded(bus, files);
+}
+
+bool SystemdServiceManager::jobIsEnabled(std::string_view label) {
+    if (!checkJobLabel(label)) {
+        return false;
+    }
+    auto connected = ManagerBus::connect(address_);
+    if (!connected) {
+        return false;
+    }
+    auto path = connected.value().loadUnit(serviceUnitName(label));
+    if (!path) {
+        return false;
+    }
+    auto load = connected.value().stringProperty(path.value(), kUnitInterface, "LoadState");
+    return load.ok() && load.value() == "loaded";
+}
+
+}  // namespace tessary::linux_backend

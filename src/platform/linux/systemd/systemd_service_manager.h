@@ -1,0 +1,64 @@
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "platform/service_manager_client.h"
+#include "platform/system_log.h"
+
+namespace tessary::linux_backend {
+
+struct SystemdServiceManagerOptions {
+    // The manager's private socket (a path) or any D-Bus address
+    // ("unix:path=..."). No bus daemon is involved.
+    std::string busAddress = "/run/systemd/private";
+    // Where submitted jobs' unit files go; a runtime directory, so that they
+    // vanish at reboot as submitted jobs do.
+    std::string unitDirectory = "/run/systemd/system";
+    // Put first on the PATH of jobs that do not set their own; empty for none.
+    std::string helperBinDirectory;
+};
+
+// The service-manager role on systemd: a job is a set of unit files written
+// into the manager's runtime unit directory and loaded and started over the
+// manager's private D-Bus socket.
+//
+// Safe to call from several threads at once. Each operation opens its own
+// connection, so operations on different jobs overlap fully (the stop of many
+// jobs takes as long as the slowest); operations on one label wait for each
+// other. A connection is not kept between operations because the manager
+// sends every signal to every private connection: an idle one would only fill
+// up.
+class SystemdServiceManager final : public ServiceManagerClient {
+  public:
+    SystemdServiceManager(SystemdServiceManagerOptions options, SystemLog& log);
+
+    // Writes and loads the job's units and starts what must run at once.
+    // Fails, changing nothing, without an authorization, for a job that does
+    // not translate and for a job already loaded. A job whose units load but
+    // do not start is reported as an error and stays loaded, as a submitted
+    // job whose program cannot run stays known to the manager; removing it
+    // clears it.
+    Status submitJob(const plist::Value& job, const AuthorizationRef& authorization) override;
+    // Stops the job's sockets and timer, then its service, deletes its unit
+    // files and clears any failed state. With `wait`, returns once every stop
+    // has finished and the manager no longer has the units loaded.
+    Status removeJob(std::string_view label, const AuthorizationRef& authorization,
+                     bool wait) override;
+    // True while the manager has the job's service loaded from a unit file.
+    bool jobIsEnabled(std::string_view label) override;
+
+  private:
+    class LabelGuard;
+
+    SystemdServiceManagerOptions options_;
+    std::string address_;
+    SystemLog& log_;
+    std::mutex busyMutex_;
+    std::condition_variable busyChanged_;
+    std::set<std::string, std::less<>> busyLabels_;
+};
+
+}  // namespace tessary::linux_backend
