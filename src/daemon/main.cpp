@@ -1,0 +1,119 @@
+// The daemon's entry point: builds the Linux backends of every role on the
+// fixed paths, makes the one supervisor, starts it, and runs the main loop.
+// It reads no options and no environment.
+#include "daemon/supervisor.h"
+#include "platform/linux/absent_facilities.h"
+#include "platform/linux/file_bundle_info.h"
+#include "platform/linux/file_product_info.h"
+#include "platform/linux/inotify_file_events.h"
+#include "platform/linux/logind_power.h"
+#include "platform/linux/pidfd_exit_watch.h"
+#include "platform/linux/polkit_authorization_service.h"
+#include "platform/linux/posix_file_operations.h"
+#include "platform/linux/proc_code_signing_service.h"
+#include "platform/linux/process_control.h"
+#include "platform/linux/sd_event_queue.h"
+#include "platform/linux/syslog_system_log.h"
+#include "platform/linux/systemd/systemd_service_manager.h"
+#include "platform/linux/unix_message_service.h"
+#include "watchers/app_watcher.h"
+#include "watchers/power_watcher.h"
+
+using namespace tessary;
+using namespace tessary::linux_backend;
+
+namespace {
+
+// Where the project's own small commands (jobtool, syslog) are installed; the
+// service manager puts it first on the PATH of the jobs it submits.
+constexpr const char* kHelperBinDirectory = "/usr/lib/tessary/bin";
+
+}  // namespace
+
+int main() {
+    const Paths paths("/");
+    SyslogSystemLog log;
+    RealProcessControl process;
+    SdEventQueue queue;
+    if (!queue.valid()) {
+        log.error("ERROR: Unable to set up the main loop");
+        return 1;
+    }
+    PosixFileOperations files;
+    SystemdServiceManager serviceManager(
+        {std::string(paths.systemdPrivateSocket()), std::string(paths.systemdUnitDirectory()),
+         kHelperBinDirectory},
+        log);
+    PolkitAuthorizationService authorization;
+    ProcCodeSigningService codeSigning;
+    UnixMessageService messages(queue, paths.requestSocket());
+    FileProductInfo productInfo(paths.resolve(FileProductInfo::kVersionFile),
+                                paths.resolve(FileProductInfo::kMinimumVersionFile));
+    FileBundleInfo bundleInfo;
+    PidfdExitWatch exitWatch(queue);
+    InotifyFileEvents fileEvents(queue);
+    NoFileCoordination fileCoordination;
+    LogindSystemPowerNotifier powerNotifier(queue);
+    LogindPowerAssertions powerAssertions;
+    NoUserNotices notices;
+    NoBackupExclusion backupExclusion;
+    NoRunningApplications runningApplications;
+
+    Platform platform{paths,
+                      log,
+                      queue,
+                      process,
+                      files,
+                      serviceManager,
+                      authorization,
+                      codeSigning,
+                      messages,
+                      powerAssertions,
+                      powerNotifier,
+                      notices,
+                      backupExclusion,
+                      productInfo,
+                      bundleInfo,
+                      exitWatch,
+                      runningApplications,
+                      fileEvents,
+                      fileCoordination};
+
+    // Lives until the process ends; never torn down.
+    auto* supervisor = new TYSupervisor(platform);  // NOLINT(cppcoreguidelines-owning-memory)
+    // Both watchers live until the process ends.
+    std::unique_ptr<TYSupervisorPowerWatcher> powerWatcher;
+    std::unique_ptr<TYSupervisorAppWatcher> appWatcher;
+    WatcherFactories factories;
+    factories.startPowerWatcher = [&](std::function<void()> willSleep,
+                                      std::function<void()> didWake) {
+        powerWatcher = std::make_unique<TYSupervisorPowerWatcher>(powerNotifier, queue, log);
+        powerWatcher->setWillSleepHandler(std::move(willSleep));
+        powerWatcher->setDidWakeHandler(std::move(didWake));
+        powerWatcher->start();
+    };
+    factories.makeAppWatcher =
+        [&](const std::string& bundlePath) -> std::optional<WatcherFactories::AppWatcher> {
+        appWatcher = TYSupervisorAppWatcher::initWithURL(
+            bundlePath, TYSupervisorAppWatcher::servicesOf(platform));
+        if (!appWatcher) {
+            return std::nullopt;
+        }
+        return WatcherFactories::AppWatcher{[&](std::function<void()> willChange,
+                                                std::function<void()> wasReplaced,
+                                                std::function<void()> wasRemoved) {
+            appWatcher->setAppWillChangeHandler(std::move(willChange));
+            appWatcher->setAppWasReplacedHandler(std::move(wasReplaced));
+            appWatcher->setAppWasRemovedHandler(std::move(wasRemoved));
+            appWatcher->start();
+        }};
+    };
+    supervisor->setWatcherFactories(std::move(factories));
+    supervisor->init();
+    supervisor->start();
+
+    // sd-event keeps running without a source of its own; it returns only
+    // when the loop fails, and then the service manager starts us again.
+    (void)queue.run();
+    process.exit(1);
+}
