@@ -1,0 +1,240 @@
+// The built daemon at work, reached through the client library, in the
+// sandbox that daemon-sandbox.sh makes: a real systemd runs the jobs and a
+// real polkitd decides the rights.
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "client/tessary_client.h"
+#include "support/value_printer.h"
+
+namespace tessary {
+namespace {
+
+using namespace std::chrono_literals;
+using plist::Array;
+using plist::Dictionary;
+using plist::Value;
+
+constexpr const char* kSocket = "/run/com.orvane.tessaryd";
+
+client::Reply ask(const std::string& command, Dictionary arguments = {}, bool withForm = true) {
+    client::Request request;
+    request.command = command;
+    if (withForm) {
+        request.authorizationForm = client::makeAuthorizationForm().value();
+    }
+    if (!arguments.empty()) {
+        request.arguments = std::move(arguments);
+    }
+    auto reply = client::sendRequest(kSocket, request, 20s);
+    EXPECT_TRUE(reply.ok()) << (reply.ok() ? "" : reply.error().description);
+    return reply.ok() ? reply.value() : client::Reply{};
+}
+
+std::string readAll(const std::string& path) {
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Waits up to ten seconds for `condition`.
+bool eventually(const std::function<bool()>& condition) {
+    for (int i = 0; i < 200; ++i) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(50ms);
+    }
+    return condition();
+}
+
+std::string unitState(const std::string& label) {
+    const std::string cmd = "systemctl --user is-active " + label + ".service 2>/dev/null";
+    FILE* p = ::popen(cmd.c_str(), "r");
+    char buf[64] = {};
+    const std::size_t n = std::fread(buf, 1, sizeof buf - 1, p);
+    ::pclose(p);
+    std::string s(buf, n);
+    while (!s.empty() && s.back() == '\n') {
+        s.pop_back();
+    }
+    return s;
+}
+
+Value labels(std::initializer_list<const char*> l) {
+    Array a;
+    for (const char* s : l) {
+        a.emplace_back(s);
+    }
+    return Value(std::move(a));
+}
+
+TEST(DaemonEndToEnd, StatusListAndTheLifeOfAService) {
+    const auto status = ask("status", {}, false);
+    EXPECT_EQ(status.returnCode, 0);
+    EXPECT_EQ(status.result.value(), Value(Dictionary{{"status", Value("unconfigured")}}));
+
+    auto list = ask("list");
+    ASSERT_EQ(list.returnCode, 0);
+    EXPECT_EQ(*list.result->find("enabledServices"), Value(Array{}));
+    EXPECT_EQ(list.result->find("disabledServices")->array()->size(), 2U);
+
+    // Enabled: the job really runs under systemd, with its arguments intact.
+    ::unlink("/run/e2e-probe.args");
+    EXPECT_EQ(ask("enable", {{"service", Value("com.example.probe")}}).returnCode, 0);
+    EXPECT_TRUE(eventually([] { return readAll("/run/e2e-probe.args") == "a b\n$HOME %n\n"; }))
+        << readAll("/run/e2e-probe.args");
+    EXPECT_EQ(unitState("com.example.probe"), "active");
+
+    // An override of a loaded job reloads it with the new arguments.
+    const Value script = Value("printf \"%s\\n\" \"$@\" > /run/e2e-$0.args; exec sleep 1000");
+    const Value args(Array{Value("/bin/sh"), Value("-c"), script, Value("probe"), Value("x")});
+    auto set = ask("programArguments",
+                   {{"service", Value("com.example.probe")}, {"programArguments", args}});
+    EXPECT_EQ(set.returnCode, 0);
+    EXPECT_TRUE(eventually([] { return readAll("/run/e2e-probe.args") == "x\n"; }));
+    EXPECT_EQ(unitState("com.example.probe"), "active");
+
+    EXPECT_EQ(ask("disable", {{"service", Value("com.example.probe")}}).returnCode, 0);
+    EXPECT_NE(unitState("com.example.probe"), "active");
+
+    // Reset drops the override; the service stays off.
+    EXPECT_EQ(ask("reset", {{"service", Value("com.example.probe")}}).returnCode, 0);
+    auto get = ask("programArguments", {{"service", Value("com.example.probe")}});
+    EXPECT_EQ((*get.result->find("programArguments")->array())[4], Value("a b"));
+    list = ask("list");
+    EXPECT_EQ(*list.result->find("enabledServices"), Value(Array{}));
+
+    EXPECT_EQ(ask("enable", {{"service", Value("nobody.here")}}).returnCode, 1);
+}
+
+TEST(DaemonEndToEnd, DynamicServicesComeAndGo) {
+    const Value definition(Dictionary{
+        {"Label", Value("com.example.dynamic")},
+        {"ProgramArguments", labels({"/bin/sleep", "1000"})},
+        {"KeepAlive", Value::boolean(true)},
+    });
+    auto created = ask("create", {{"serviceDictionary", definition}});
+    EXPECT_EQ(created.returnCode, 0);
+    EXPECT_EQ(ask("create", {{"serviceDictionary", definition}}).returnCode, 1);
+    EXPECT_EQ(ask("enable", {{"service", Value("com.example.dynamic")}}).returnCode, 0);
+    EXPECT_TRUE(eventually([] { return unitState("com.example.dynamic") == "active"; }));
+    EXPECT_EQ(ask("destroy", {{"service", Value("com.example.dynamic")}}).returnCode, 0);
+    EXPECT_NE(unitState("com.example.dynamic"), "active");
+    const auto list = ask("list");
+    for (const char* key : {"enabledServices", "disabledServices"}) {
+        for (const Value& l : *list.result->find(key)->array()) {
+            EXPECT_NE(l, Value("com.example.dynamic"));
+        }
+    }
+}
+
+// Runs `body` in a child with all ids set to `uid`/`gid`; its exit status.
+int asUser(uid_t uid, gid_t gid, const std::function<int()>& body) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        if (::setgroups(0, nullptr) != 0 || ::setresgid(gid, gid, gid) != 0 ||
+            ::setresuid(uid, uid, uid) != 0) {
+            ::_exit(90);
+        }
+        ::_exit(body());
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 99;
+}
+
+int replyCode(const std::string& command) {
+    client::Request request;
+    request.command = command;
+    request.authorizationForm = client::makeAuthorizationForm().value();
+    auto reply = client::sendRequest(kSocket, request, 20s);
+    return reply.ok() ? static_cast<int>(reply.value().returnCode) : 50;
+}
+
+TEST(DaemonEndToEnd, PolkitDecidesForOtherUsers) {
+    // nobody: "status" is open to all, "list" is refused.
+    EXPECT_EQ(asUser(65534, 65534, [] { return replyCode("status"); }), 0);
+    EXPECT_EQ(asUser(65534, 65534, [] { return replyCode("list"); }), 1);
+    // A rule lets the user "daemon" (uid 1) hold the right.
+    EXPECT_EQ(asUser(1, 1, [] { return replyCode("list"); }), 0);
+}
+
+// A raw connection, to send what the client library would never send.
+class RawConnection {
+  public:
+    RawConnection() : fd_(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, kSocket, sizeof addr.sun_path - 1);
+        connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    }
+    ~RawConnection() { ::close(fd_); }
+    RawConnection(const RawConnection&) = delete;
+    RawConnection& operator=(const RawConnection&) = delete;
+
+    bool connected() const { return connected_; }
+    bool send(const plist::Bytes& bytes) const {
+        return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(bytes.size());
+    }
+    // The next datagram within `wait`; none on timeout; empty at hang-up.
+    std::optional<plist::Bytes> receive(std::chrono::milliseconds wait) const {
+        timeval tv{static_cast<time_t>(wait.count() / 1000),
+                   static_cast<suseconds_t>((wait.count() % 1000) * 1000)};
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        plist::Bytes buf(65536);
+        const ssize_t n = ::recv(fd_, buf.data(), buf.size(), 0);
+        if (n < 0) {
+            return std::nullopt;
+        }
+        buf.resize(static_cast<std::size_t>(n));
+        return buf;
+    }
+
+  private:
+    int fd_;
+    bool connected_ = false;
+};
+
+TEST(DaemonEndToEnd, ForgedFormsAndMalformedDatagramsStayWithTheirSender) {
+    RawConnection forger;
+    ASSERT_TRUE(forger.connected());
+    // A form that names another process (pid 1) is dropped: no reply.
+    AuthorizationExternalForm form = client::makeAuthorizationForm().value();
+    const std::uint32_t initPid = 1;
+    std::memcpy(form.data() + 8, &initPid, sizeof initPid);
+    client::Request forged{"list", form, std::nullopt};
+    ASSERT_TRUE(forger.send(client::encodeRequest(forged).value()));
+    EXPECT_FALSE(forger.receive(1500ms).has_value());
+    // The connection still serves honest requests.
+    ASSERT_TRUE(forger.send(client::encodeRequest({"status", std::nullopt, std::nullopt}).value()));
+    auto answered = forger.receive(5s);
+    ASSERT_TRUE(answered && !answered->empty());
+    EXPECT_EQ(client::decodeReply(*answered).value().returnCode, 0);
+
+    // Garbage closes its own connection and nothing else.
+    RawConnection bystander;
+    RawConnection vandal;
+    ASSERT_TRUE(vandal.send({'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'}));
+    auto end = vandal.receive(5s);
+    ASSERT_TRUE(end.has_value());
+    EXPECT_TRUE(end->empty());  // hung up
+    ASSERT_TRUE(
+        bystander.send(client::encodeRequest({"status", std::nullopt, std::nullopt}).value()));
+    auto reply = bystander.receive(5s);
+    ASSERT_TRUE(reply && !reply->empty());
+    EXPECT_EQ(client::decodeReply(*reply).value().returnCode, 0);
+}
+
+}  // namespace
+}  // namespace tessary

@@ -1,0 +1,16 @@
+# The built daemon against a real systemd and polkitd in a private namespace
+# (tier "e2e", needs root): with-systemd.sh makes the namespace, /run private
+# first; daemon-sandbox.sh adds the system bus, polkitd, the app and the
+# daemon, then runs the test binary.
+add_executable(tessary_e2e_tests ${CMAKE_CURRENT_SOURCE_DIR}/e2e/daemon_e2e_test.cpp)
+target_include_directories(tessary_e2e_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+target_link_libraries(tessary_e2e_tests PRIVATE tessary_client GTest::gtest GTest::gtest_main)
+add_dependencies(tessary_e2e_tests tessaryd)
+
+add_test(NAME e2e.daemon
+  COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/systemd/with-systemd.sh --private-run --
+          bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/daemon-sandbox.sh
+          $<TARGET_FILE:tessaryd> ${CMAKE_CURRENT_SOURCE_DIR}/e2e/app
+          ${PROJECT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy --
+          $<TARGET_FILE:tessary_e2e_tests>)
+set_tests_properties(e2e.daemon PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT 300)
