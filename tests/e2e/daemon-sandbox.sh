@@ -2,7 +2,11 @@
 # Runs COMMAND beside a running tessaryd, in the namespace that with-systemd.sh
 # made (private /run, a real systemd at the fixed addresses):
 #
-#   daemon-sandbox.sh DAEMON BUNDLE_DIR POLICY -- COMMAND [ARG...]
+#   daemon-sandbox.sh [--as-service] DAEMON BUNDLE_DIR POLICY -- COMMAND [ARG...]
+#
+# With --as-service the daemon runs as the unit com.orvane.tessaryd.service of
+# the private systemd, restarted always, as an installation runs it; else as
+# a plain child of this script.
 #
 # Private tmpfs mounts over /Applications, /Library, /var/db and /etc/tessary;
 # a private system bus on /run/dbus/system_bus_socket with polkitd on it, the
@@ -12,6 +16,11 @@
 # runs until COMMAND ends; its standard error goes to /run/tessaryd.log.
 set -euo pipefail
 
+as_service=0
+if [[ "${1:-}" == --as-service ]]; then
+    as_service=1
+    shift
+fi
 daemon=$1 bundle=$2 policy=$3
 shift 3
 [[ "${1:-}" == -- ]] && shift
@@ -84,19 +93,43 @@ cp "$daemon" /Library/PrivilegedHelperTools/com.orvane.tessaryd
 # A machine that was set up before: start-up parks nothing.
 touch /var/db/.TessarySetupDone
 
-/Library/PrivilegedHelperTools/com.orvane.tessaryd 2>/run/tessaryd.log &
-daemon_pid=$!
+daemon_alive() {
+    if ((as_service)); then
+        [[ "$(systemctl --user is-active com.orvane.tessaryd.service)" == active ]]
+    else
+        kill -0 "$daemon_pid" 2>/dev/null
+    fi
+}
+if ((as_service)); then
+    cat >/run/systemd/system/com.orvane.tessaryd.service <<'UNIT'
+[Service]
+ExecStart=/Library/PrivilegedHelperTools/com.orvane.tessaryd
+Restart=always
+RestartSec=200ms
+StartLimitIntervalSec=0
+UNIT
+    systemctl --user daemon-reload
+    systemctl --user start com.orvane.tessaryd.service || fail "cannot start the daemon's unit"
+else
+    /Library/PrivilegedHelperTools/com.orvane.tessaryd 2>/run/tessaryd.log &
+    daemon_pid=$!
+fi
 for _ in $(seq 200); do
     [[ -S /run/com.orvane.tessaryd ]] && break
-    kill -0 "$daemon_pid" 2>/dev/null || fail "tessaryd ended at start: $(cat /run/tessaryd.log)"
+    daemon_alive || fail "tessaryd ended at start: $(cat /run/tessaryd.log 2>/dev/null)"
     sleep 0.05
 done
 [[ -S /run/com.orvane.tessaryd ]] || fail "tessaryd opened no socket"
 
 set +e
-TESSARYD_PID=$daemon_pid "$@"
+"$@"
 status=$?
-kill -0 "$daemon_pid" 2>/dev/null || { echo "daemon-sandbox: tessaryd is gone" >&2; status=1; }
-kill "$daemon_pid" "$polkit_pid" "$bus_pid" 2>/dev/null
+if ((as_service)); then
+    systemctl --user stop com.orvane.tessaryd.service 2>/dev/null
+else
+    daemon_alive || { echo "daemon-sandbox: tessaryd is gone" >&2; status=1; }
+    kill "$daemon_pid" 2>/dev/null
+fi
+kill "$polkit_pid" "$bus_pid" 2>/dev/null
 wait 2>/dev/null
 exit "$status"

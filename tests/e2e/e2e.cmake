@@ -14,3 +14,17 @@ add_test(NAME e2e.daemon
           ${PROJECT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy --
           $<TARGET_FILE:tessary_e2e_tests>)
 set_tests_properties(e2e.daemon PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT 300)
+
+# The app's fate, with the daemon as a unit that systemd restarts always.
+add_executable(tessary_lifecycle_e2e_tests ${CMAKE_CURRENT_SOURCE_DIR}/e2e/lifecycle_e2e_test.cpp)
+target_include_directories(tessary_lifecycle_e2e_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+target_link_libraries(tessary_lifecycle_e2e_tests PRIVATE tessary_client GTest::gtest GTest::gtest_main)
+add_dependencies(tessary_lifecycle_e2e_tests tessaryd)
+
+add_test(NAME e2e.lifecycle
+  COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/systemd/with-systemd.sh --private-run --
+          bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/daemon-sandbox.sh --as-service
+          $<TARGET_FILE:tessaryd> ${CMAKE_CURRENT_SOURCE_DIR}/e2e/app
+          ${PROJECT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy --
+          $<TARGET_FILE:tessary_lifecycle_e2e_tests>)
+set_tests_properties(e2e.lifecycle PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT 300)

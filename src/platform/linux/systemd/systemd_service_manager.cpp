@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <vector>
 
@@ -595,6 +596,24 @@ Status SystemdServiceManager::submitJob(const plist::Value& job,
     return {};
 }
 
+namespace {
+
+// Whether this process runs inside `unit`: its cgroup path (in any
+// hierarchy) ends in the unit's name.
+bool callerRunsIn(const std::string& unit) {
+    std::ifstream cgroups("/proc/self/cgroup");
+    std::string line;
+    while (std::getline(cgroups, line)) {
+        const auto slash = line.rfind('/');
+        if (slash != std::string::npos && line.compare(slash + 1, std::string::npos, unit) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
 Status SystemdServiceManager::removeJob(std::string_view label,
                                         const AuthorizationRef& authorization, bool wait) {
     if (!authorization) {
@@ -651,6 +670,27 @@ Status SystemdServiceManager::removeJob(std::string_view label,
     }
     if (!servicePresent && presentTriggers.empty() && files.empty()) {
         return Error{kDomain, ESRCH, "Job " + std::string(label) + " is not loaded"};
+    }
+
+    // A job that removes itself (the daemon's own job when it uninstalls
+    // itself, a clean-up job at its end) is killed by its own stop, so its
+    // files go first and nothing waits for the stop: once stopped, a unit
+    // without a file is unloaded by the manager.
+    if (callerRunsIn(service)) {
+        Status status;
+        for (const auto& unit : files) {
+            if (Status s = removeUnitFile(options_.unitDirectory, unit); !s && status) {
+                status = s;
+            }
+        }
+        (void)bus.managerCall("Reload");
+        presentTriggers.push_back(service);
+        for (const auto& unit : presentTriggers) {
+            if (auto queued = bus.enqueue("StopUnit", unit); !queued && status) {
+                status = queued.error();
+            }
+        }
+        return status;
     }
 
     // Sockets and timers first: stopped after the service, they could start

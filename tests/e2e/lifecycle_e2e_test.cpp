@@ -1,0 +1,193 @@
+// The daemon following the app's fate, run as a unit of a real systemd that
+// restarts it always: promotions that end and that are abandoned, the app
+// replaced (the daemon updates itself and comes back), the app removed (the
+// daemon uninstalls itself). The cases run in this order and build on each
+// other, as they would on one machine.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "client/tessary_client.h"
+#include "plist/codec.h"
+#include "support/value_printer.h"
+
+namespace tessary {
+namespace {
+
+using namespace std::chrono_literals;
+using plist::Value;
+namespace fs = std::filesystem;
+
+constexpr const char* kSocket = "/run/com.orvane.tessaryd";
+constexpr const char* kPrefs = "/Library/Tessary/Setup/com.orvane.tessaryd.plist";
+constexpr const char* kMarker = "/var/db/.TessarySetupDone";
+constexpr const char* kInstalled = "/Library/PrivilegedHelperTools/com.orvane.tessaryd";
+constexpr const char* kApp = "/Applications/Tessary.app";
+
+std::string run(const std::string& cmd) {
+    FILE* p = ::popen((cmd + " 2>/dev/null").c_str(), "r");
+    std::string out;
+    char buf[256];
+    std::size_t n = 0;
+    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) {
+        out.append(buf, n);
+    }
+    ::pclose(p);
+    while (!out.empty() && out.back() == '\n') {
+        out.pop_back();
+    }
+    return out;
+}
+
+int daemonPid() {
+    const std::string pid =
+        run("systemctl --user show -p MainPID --value com.orvane.tessaryd.service");
+    return pid.empty() ? 0 : std::stoi(pid);
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::seconds limit = 20s) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < end) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(50ms);
+    }
+    return condition();
+}
+
+client::Reply ask(const std::string& command, plist::Dictionary arguments = {}) {
+    client::Request request{command, client::makeAuthorizationForm().value(), std::nullopt};
+    if (!arguments.empty()) {
+        request.arguments = std::move(arguments);
+    }
+    auto reply = client::sendRequest(kSocket, request, 20s);
+    return reply.ok() ? reply.value() : client::Reply{};
+}
+
+bool answers() {
+    auto reply = client::sendRequest(kSocket, {"status", std::nullopt, std::nullopt}, 2s);
+    return reply.ok() && reply.value().returnCode == 0;
+}
+
+plist::Value preferences() {
+    std::ifstream in(kPrefs, std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    auto v = plist::decode(std::string_view(bytes));
+    return v.ok() ? v.value() : Value();
+}
+
+// A promoting client in a child process: begins, and ends when told to.
+int promoteInChild(bool end) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        int code = ask("beginPromotion").returnCode == 0 ? 0 : 10;
+        if (code == 0 && end) {
+            code = ask("endPromotion").returnCode == 0 ? 0 : 11;
+        }
+        ::_exit(code);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 99;
+}
+
+class Lifecycle : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(eventually(answers)) << "the daemon does not answer"; }
+};
+
+TEST_F(Lifecycle, A_PromotionThatEndsRestoresTheServices) {
+    fs::remove(kMarker);
+    const int pid = daemonPid();
+    EXPECT_EQ(promoteInChild(true), 0);
+    EXPECT_TRUE(fs::exists(kMarker));
+    EXPECT_EQ(preferences().find("activePromotionType"), nullptr);
+    // The client has gone after the end: the daemon stays.
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(daemonPid(), pid);
+    EXPECT_TRUE(answers());
+}
+
+TEST_F(Lifecycle, B_AbandonedPromotionEndsTheDaemonAndTheNextStartCleansUp) {
+    // Two parked services make the machine "updatable", so the clean-up keeps
+    // the daemon installed: enabled, then parked by a start without the
+    // setup-done marker.
+    ASSERT_EQ(ask("enable", {{"service", Value("com.example.idle")}}).returnCode, 0);
+    ASSERT_EQ(ask("enable", {{"service", Value("com.example.probe")}}).returnCode, 0);
+    fs::remove(kMarker);
+    run("systemctl --user restart com.orvane.tessaryd.service");
+    ASSERT_TRUE(eventually(answers));
+    ASSERT_EQ(preferences().find("previouslyEnabledServices")->array()->size(), 2U);
+    const int before = daemonPid();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        // Begin, and leave without ending.
+        ::_exit(ask("beginPromotion").returnCode == 0 ? 0 : 10);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ASSERT_TRUE(eventually([&] { return daemonPid() != before && daemonPid() != 0; }));
+    ASSERT_TRUE(eventually(answers));
+    const Value prefs = preferences();
+    EXPECT_EQ(prefs.find("activePromotionType"), nullptr);
+    EXPECT_FALSE(fs::exists(kMarker));
+    EXPECT_TRUE(fs::exists(kInstalled));
+}
+
+TEST_F(Lifecycle, C_ReplacedAppUpdatesTheDaemon) {
+    const int before = daemonPid();
+    const std::string oldInode = run(std::string("stat -c %i ") + kInstalled);
+    // A new copy of the app: the same version, a rebuilt daemon inside.
+    fs::copy(kApp, "/Applications/Tessary.app.new", fs::copy_options::recursive);
+    {
+        std::ofstream grow(
+            "/Applications/Tessary.app.new/Contents/Library/LaunchServices/"
+            "com.orvane.tessaryd",
+            std::ios::app | std::ios::binary);
+        grow << '\n';
+    }
+    fs::rename(kApp, "/Applications/Tessary.app.old");
+    fs::rename("/Applications/Tessary.app.new", kApp);
+
+    ASSERT_TRUE(eventually([&] { return daemonPid() != before && daemonPid() != 0; }, 30s));
+    ASSERT_TRUE(eventually(answers));
+    EXPECT_NE(run(std::string("stat -c %i ") + kInstalled), oldInode);
+    EXPECT_EQ(
+        fs::file_size(kInstalled),
+        fs::file_size(std::string(kApp) + "/Contents/Library/LaunchServices/com.orvane.tessaryd"));
+    fs::remove_all("/Applications/Tessary.app.old");
+}
+
+TEST_F(Lifecycle, D_RemovedAppUninstallsTheDaemon) {
+    ASSERT_EQ(ask("enable", {{"service", Value("com.example.probe")}}).returnCode, 0);
+    ASSERT_TRUE(eventually(
+        [] { return run("systemctl --user is-active com.example.probe.service") == "active"; }));
+    fs::remove_all(kApp);
+
+    // Five seconds for a copy to come back, then the removal.
+    EXPECT_TRUE(eventually([] { return !fs::exists(kInstalled); }, 30s));
+    EXPECT_TRUE(eventually([] { return daemonPid() == 0; }, 30s));
+    EXPECT_TRUE(eventually(
+        [] { return run("systemctl --user is-active com.orvane.tessaryd.service") != "active"; }));
+    EXPECT_NE(run("systemctl --user is-active com.example.probe.service"), "active");
+    EXPECT_FALSE(fs::exists("/Library/Application Support/Orvane/Tessary"));
+    // Its own job is gone from the service manager too.
+    EXPECT_TRUE(
+        eventually([] { return !fs::exists("/run/systemd/system/com.orvane.tessaryd.service"); }));
+    const Value prefs = preferences();
+    EXPECT_EQ(prefs.find("enabledServices"), nullptr);
+    // It stays gone: nothing restarts it.
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(daemonPid(), 0);
+    EXPECT_FALSE(answers());
+}
+
+}  // namespace
+}  // namespace tessary
