@@ -44,7 +44,8 @@ void TYSupervisor::start() {
                          support + "/" + std::string(Paths::kAppIconName));
 
     if (!isIncompatibleVersion()) {
-        const std::string* version = daemonInfoDictionary().stringAt("CFBundleVersion");
+        const plist::Value info = daemonInfoDictionary();
+        const std::string* version = info.stringAt("CFBundleVersion");
         preferences_.setVersion(version != nullptr ? std::optional<std::string>(*version)
                                                    : std::nullopt);
         loadServices();

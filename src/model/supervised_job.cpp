@@ -75,7 +75,8 @@ std::string TYSupervisedJob::serviceLabel() const {
 }
 
 std::string TYSupervisedJob::label() const {
-    const std::string* l = dictionary().stringAt(kLabel);
+    const Value d = dictionary();
+    const std::string* l = d.stringAt(kLabel);
     return l != nullptr ? *l : std::string();
 }
 
