@@ -11,6 +11,9 @@
 #include <string_view>
 #include <type_traits>
 
+#include "base/utf8.h"
+#include "plist/binary_guard.h"
+
 namespace tessary::plist {
 
 namespace {
@@ -25,10 +28,6 @@ struct MallocFree {
     void operator()(void* p) const { std::free(p); }  // NOLINT(cppcoreguidelines-no-malloc)
 };
 using BufferPtr = std::unique_ptr<char, MallocFree>;
-
-// 978307200 seconds lie between the Unix epoch and the property-list epoch;
-// libplist works in the latter already, so only the split matters here.
-constexpr std::int64_t kMicrosPerSecond = 1000000;
 
 Error decodeError(std::string what) {
     return Error{"TYPropertyListErrorDomain", 3840, std::move(what)};
@@ -98,7 +97,11 @@ Result<Value> fromNode(plist_t node, int depth) {
         case PLIST_STRING: {
             std::uint64_t len = 0;
             const char* p = plist_get_string_ptr(node, &len);
-            return Value(std::string(p != nullptr ? p : "", p != nullptr ? len : 0));
+            std::string s(p != nullptr ? p : "", p != nullptr ? len : 0);
+            if (!isValidUtf8(s)) {
+                return decodeError("property list holds a string that is not UTF-8");
+            }
+            return Value(std::move(s));
         }
         case PLIST_DATA: {
             std::uint64_t len = 0;
@@ -110,7 +113,7 @@ Result<Value> fromNode(plist_t node, int depth) {
             std::int32_t sec = 0;
             std::int32_t usec = 0;
             plist_get_date_val(node, &sec, &usec);
-            return Value::date(Date{std::int64_t{sec} * kMicrosPerSecond + usec});
+            return Value::date(Date{sec});  // the fraction is dropped, as Date says
         }
         case PLIST_ARRAY: {
             Array out;
@@ -137,6 +140,9 @@ Result<Value> fromNode(plist_t node, int depth) {
                 BufferPtr ownedKey(key);
                 if (item == nullptr) {
                     break;
+                }
+                if (key == nullptr || !isValidUtf8(key)) {
+                    return decodeError("property list holds a key that is not UTF-8");
                 }
                 auto v = fromNode(item, depth + 1);
                 if (!v) {
@@ -178,24 +184,21 @@ Result<NodePtr> toNode(const Value& v, int depth) {
         case Value::Type::Real:
             return NodePtr(plist_new_real(*v.asReal()));
         case Value::Type::Date: {
-            const std::int64_t micros = v.asDate()->microseconds;
-            std::int64_t sec = micros / kMicrosPerSecond;
-            std::int64_t usec = micros % kMicrosPerSecond;
-            if (usec < 0) {
-                usec += kMicrosPerSecond;
-                sec -= 1;
-            }
+            const std::int64_t sec = v.asDate()->seconds;
             if (sec < std::numeric_limits<std::int32_t>::min() ||
                 sec > std::numeric_limits<std::int32_t>::max()) {
                 return encodeError("date out of range");
             }
-            return NodePtr(
-                plist_new_date(static_cast<std::int32_t>(sec), static_cast<std::int32_t>(usec)));
+            return NodePtr(plist_new_date(static_cast<std::int32_t>(sec), 0));
         }
         case Value::Type::String: {
             const std::string& s = *v.string();
             if (s.find('\0') != std::string::npos) {
                 return encodeError("string holds a NUL character");
+            }
+            // libplist's writers would drop the bytes that are not UTF-8.
+            if (!isValidUtf8(s)) {
+                return encodeError("string is not UTF-8");
             }
             return NodePtr(plist_new_string(s.c_str()));
         }
@@ -217,8 +220,8 @@ Result<NodePtr> toNode(const Value& v, int depth) {
         case Value::Type::Dictionary: {
             NodePtr out(plist_new_dict());
             for (const auto& [k, e] : *v.dictionary()) {
-                if (k.find('\0') != std::string::npos) {
-                    return encodeError("dictionary key holds a NUL character");
+                if (k.find('\0') != std::string::npos || !isValidUtf8(k)) {
+                    return encodeError("dictionary key holds a NUL character or is not UTF-8");
                 }
                 auto item = toNode(e, depth + 1);
                 if (!item) {
@@ -244,6 +247,9 @@ Result<Value> decode(std::string_view bytes) {
     const bool binary = isBinary(bytes);
     if (!binary && !xmlIsComplete(bytes)) {
         return decodeError("not a property list: XML document incomplete or not a plist");
+    }
+    if (binary && binaryListHasNulInString(bytes)) {
+        return decodeError("binary property list holds a string with a NUL character");
     }
     plist_t root = nullptr;
     plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &root);

@@ -24,7 +24,8 @@ Result<Value> decode(std::span<const std::uint8_t> bytes);
 Result<Value> decode(std::string_view bytes);
 
 // Writes `value` in the given form. Fails (with a reason) for what the forms
-// cannot hold: strings with NUL bytes, dates out of range, nesting too deep.
+// cannot hold, so that whatever is written reads back exactly: strings with
+// NUL bytes or that are not UTF-8, dates out of range, nesting too deep.
 Result<Bytes> encode(const Value& value, Format format);
 
 }  // namespace tessary::plist

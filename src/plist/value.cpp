@@ -147,24 +147,12 @@ std::string formatReal(double d) {
 
 std::string formatDate(Date d) {
     // 978307200 is 2001-01-01T00:00:00Z in Unix time.
-    std::int64_t secs = d.microseconds / 1000000;
-    std::int64_t micros = d.microseconds % 1000000;
-    if (micros < 0) {
-        micros += 1000000;
-        secs -= 1;
-    }
-    const std::time_t t = static_cast<std::time_t>(secs + 978307200);
+    const auto t = static_cast<std::time_t>(d.seconds + 978307200);
     std::tm tm{};
     gmtime_r(&t, &tm);
     char buf[64];
-    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
-    std::string out = buf;
-    if (micros != 0) {
-        std::snprintf(buf, sizeof buf, ".%06" PRId64, micros);
-        out += buf;
-    }
-    out += " +0000";
-    return out;
+    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S +0000", &tm);
+    return buf;
 }
 
 // Strings in container descriptions are quoted when they hold anything
@@ -291,9 +279,11 @@ bool operator==(const Value& a, const Value& b) {
         case Value::Type::Integer:
             return *a.asInteger() == *b.asInteger();
         case Value::Type::Real: {
+            // Bit for bit, so that 0.0 and -0.0 differ; but every NaN is the
+            // same value, since no written form keeps a NaN's payload.
             const double x = *a.asReal();
             const double y = *b.asReal();
-            return std::memcmp(&x, &y, sizeof x) == 0;
+            return (std::isnan(x) && std::isnan(y)) || std::memcmp(&x, &y, sizeof x) == 0;
         }
         case Value::Type::Date:
             return *a.asDate() == *b.asDate();

@@ -20,10 +20,12 @@ using Dictionary = std::map<std::string, Value, std::less<>>;
 using Array = std::vector<Value>;
 using Bytes = std::vector<std::uint8_t>;
 
-// A property-list date: microseconds since 2001-01-01T00:00:00Z, the epoch of
-// both property-list forms.
+// A property-list date: whole seconds since 2001-01-01T00:00:00Z, the epoch
+// of both property-list forms. Fractions of a second are not kept: the XML
+// form has none, and libplist's binary date conversion does not carry them
+// through a round trip.
 struct Date {
-    std::int64_t microseconds = 0;
+    std::int64_t seconds = 0;
     friend bool operator==(const Date&, const Date&) = default;
 };
 
@@ -117,7 +119,7 @@ class Value {
     std::string description() const;
 
     // Exact deep equality: types must match (integer 1 is not true), strings
-    // and keys compare byte for byte, reals compare by bit pattern.
+    // and keys compare byte for byte, reals by bit pattern (all NaNs alike).
     friend bool operator==(const Value& a, const Value& b);
 
   private:

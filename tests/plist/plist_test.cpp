@@ -173,6 +173,7 @@ TEST(PlistCodec, RefusesWhatTheFormsCannotHold) {
     EXPECT_FALSE(encode(tooDeep, Format::Xml).ok());
     EXPECT_FALSE(encode(Value(std::string("a\0b", 3)), Format::Binary).ok());
     EXPECT_FALSE(encode(Value::date(Date{INT64_MAX}), Format::Xml).ok());
+    EXPECT_FALSE(encode(Value(std::string("\xC0\xAF")), Format::Binary).ok());
 
     std::string deepXml = "<plist version=\"1.0\">";
     for (int i = 0; i < kMaxNesting + 2; ++i) {
