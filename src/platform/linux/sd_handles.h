@@ -45,7 +45,8 @@ class SdBusError {
     bool isSet() const { return sd_bus_error_is_set(&error_) != 0; }
 
   private:
-    sd_bus_error error_ = SD_BUS_ERROR_NULL;
+    // What SD_BUS_ERROR_NULL spells as a C compound literal.
+    sd_bus_error error_{nullptr, nullptr, 0};
 };
 
 }  // namespace tessary::linux_backend
