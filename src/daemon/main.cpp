@@ -3,6 +3,7 @@
 // It reads no options and no environment.
 #include "daemon/supervisor.h"
 #include "platform/linux/absent_facilities.h"
+#include "platform/linux/desktop_notices.h"
 #include "platform/linux/file_bundle_info.h"
 #include "platform/linux/file_product_info.h"
 #include "platform/linux/inotify_file_events.h"
@@ -13,6 +14,7 @@
 #include "platform/linux/proc_code_signing_service.h"
 #include "platform/linux/process_control.h"
 #include "platform/linux/sd_event_queue.h"
+#include "platform/linux/session_applications.h"
 #include "platform/linux/syslog_system_log.h"
 #include "platform/linux/systemd/systemd_service_manager.h"
 #include "platform/linux/unix_message_service.h"
@@ -55,9 +57,9 @@ int main() {
     NoFileCoordination fileCoordination;
     LogindSystemPowerNotifier powerNotifier(queue);
     LogindPowerAssertions powerAssertions;
-    NoUserNotices notices;
+    DesktopNotices notices;
     NoBackupExclusion backupExclusion;
-    NoRunningApplications runningApplications;
+    SessionApplications runningApplications;
 
     Platform platform{paths,
                       log,

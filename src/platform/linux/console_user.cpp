@@ -1,0 +1,110 @@
+#include "platform/linux/console_user.h"
+
+#include <cstdlib>
+#include <memory>
+
+namespace tessary::linux_backend {
+
+namespace {
+
+constexpr const char* kLogind = "org.freedesktop.login1";
+constexpr const char* kManagerPath = "/org/freedesktop/login1";
+constexpr const char* kManagerInterface = "org.freedesktop.login1.Manager";
+constexpr const char* kSeatInterface = "org.freedesktop.login1.Seat";
+constexpr const char* kSessionInterface = "org.freedesktop.login1.Session";
+constexpr const char* kUserInterface = "org.freedesktop.login1.User";
+
+struct FreeString {
+    void operator()(char* s) const { std::free(s); }
+};
+
+std::optional<std::string> stringProperty(sd_bus* bus, const char* path, const char* interface,
+                                          const char* name) {
+    char* raw = nullptr;
+    if (sd_bus_get_property_string(bus, kLogind, path, interface, name, nullptr, &raw) < 0) {
+        return std::nullopt;
+    }
+    std::unique_ptr<char, FreeString> value(raw);
+    return std::string(value.get());
+}
+
+// The reply to a Get of a property of type `type`, entered into its variant;
+// null when logind does not answer it.
+SdBusMessagePtr property(sd_bus* bus, const char* path, const char* interface, const char* name,
+                         const char* type) {
+    sd_bus_message* raw = nullptr;
+    if (sd_bus_get_property(bus, kLogind, path, interface, name, nullptr, &raw, type) < 0) {
+        return nullptr;
+    }
+    return SdBusMessagePtr(raw);
+}
+
+}  // namespace
+
+int connectToBus(const std::string& address, std::chrono::milliseconds limit, SdBusPtr& out) {
+    sd_bus* raw = nullptr;
+    int r = sd_bus_new(&raw);
+    if (r < 0) {
+        return r;
+    }
+    SdBusPtr bus(raw);
+    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(limit).count();
+    if ((r = sd_bus_set_address(bus.get(), address.c_str())) < 0 ||
+        (r = sd_bus_set_bus_client(bus.get(), 1)) < 0 ||
+        (r = sd_bus_set_method_call_timeout(bus.get(), static_cast<std::uint64_t>(micros))) < 0 ||
+        (r = sd_bus_start(bus.get())) < 0) {
+        return r;
+    }
+    out = std::move(bus);
+    return 0;
+}
+
+std::optional<ConsoleUser> findConsoleUser(const std::string& systemBusAddress,
+                                           std::chrono::milliseconds limit) {
+    SdBusPtr bus;
+    if (connectToBus(systemBusAddress, limit, bus) < 0) {
+        return std::nullopt;
+    }
+    sd_bus_message* raw = nullptr;
+    if (sd_bus_call_method(bus.get(), kLogind, kManagerPath, kManagerInterface, "GetSeat", nullptr,
+                           &raw, "s", "seat0") < 0) {
+        return std::nullopt;
+    }
+    SdBusMessagePtr seatReply(raw);
+    const char* seat = nullptr;
+    if (sd_bus_message_read(raw, "o", &seat) < 0) {
+        return std::nullopt;
+    }
+
+    // No active session is ("", "/").
+    const SdBusMessagePtr active =
+        property(bus.get(), seat, kSeatInterface, "ActiveSession", "(so)");
+    const char* sessionId = nullptr;
+    const char* sessionPath = nullptr;
+    if (!active || sd_bus_message_read(active.get(), "(so)", &sessionId, &sessionPath) < 0 ||
+        *sessionId == '\0') {
+        return std::nullopt;
+    }
+    if (stringProperty(bus.get(), sessionPath, kSessionInterface, "Class") != "user") {
+        return std::nullopt;
+    }
+    ConsoleUser user;
+    const SdBusMessagePtr owner =
+        property(bus.get(), sessionPath, kSessionInterface, "User", "(uo)");
+    const char* userPath = nullptr;
+    if (!owner || sd_bus_message_read(owner.get(), "(uo)", &user.uid, &userPath) < 0) {
+        return std::nullopt;
+    }
+    if (sd_bus_get_property_trivial(bus.get(), kLogind, userPath, kUserInterface, "GID", nullptr,
+                                    'u', &user.gid) < 0) {
+        return std::nullopt;
+    }
+    auto runtimePath = stringProperty(bus.get(), userPath, kUserInterface, "RuntimePath");
+    if (!runtimePath || runtimePath->empty()) {
+        return std::nullopt;
+    }
+    user.runtimePath = std::move(*runtimePath);
+    return user;
+}
+
+}  // namespace tessary::linux_backend
