@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Every test tier: formatting, the debug build's tests, the same tests under
 # AddressSanitizer and UndefinedBehaviorSanitizer, the threaded parts under
-# ThreadSanitizer. Exits non-zero on the
+# ThreadSanitizer, and each fuzz target for a minute. Exits non-zero on the
 # first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -25,6 +25,9 @@ echo "== build and test: tsan (threaded parts)"
 cmake --preset tsan >/dev/null
 cmake --build --preset tsan
 ctest --preset tsan -R 'ModelTest|SupervisionTest'
+
+echo "== fuzz targets, 60 s each"
+bash scripts/run-fuzzers.sh 60
 
 echo "== release build (benchmarks)"
 cmake --preset release >/dev/null
