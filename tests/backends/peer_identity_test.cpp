@@ -12,23 +12,21 @@
 namespace tessary::linux_backend {
 namespace {
 
-std::string statLine(const std::string& comm, const std::string& startTime = "777") {
-    // Fields 3 to 21, then the start time, then the rest of a real line.
-    return "4242 (" + comm + ") S 1 4242 4242 0 -1 4194560 120 0 0 0 0 0 0 0 20 0 1 0 " +
-           startTime + " 9400320 900 18446744073709551615 1 1 0 0 0 0 0 0 0 0 0 0 17 1 0 0 0 0 0\n";
-}
-
 TEST(StatLine, StartTimeIsCountedFromTheLastParenthesis) {
+    auto line = [](const std::string& comm, const std::string& startTime = "777") {
+        // Fields 3 to 21, then the start time, then the rest of a real line.
+        return "4242 (" + comm + ") S 1 4242 4242 0 -1 4194560 120 0 0 0 0 0 0 0 20 0 1 0 " +
+               startTime + " 9400320 900 18446744073709551615 1 1 0 0 0 0 0 0 0 0 0 0 17 1 0\n";
+    };
     for (const std::string comm : {"bash", "a) b (c", ") ) ) 5 6", "(", "x y", "", "a)\n1 2"}) {
-        EXPECT_EQ(parseStatStartTime(statLine(comm)), 777U) << comm;
+        EXPECT_EQ(parseStatStartTime(line(comm)), 777U) << comm;
     }
-    EXPECT_EQ(parseStatStartTime(statLine("a", "18446744073709551615")), UINT64_MAX);
-    EXPECT_EQ(parseStatStartTime(statLine("a", "18446744073709551616")), std::nullopt);
-    EXPECT_EQ(parseStatStartTime(statLine("a", "-1")), std::nullopt);
-    EXPECT_EQ(parseStatStartTime(statLine("a", "7x")), std::nullopt);
-    EXPECT_EQ(parseStatStartTime("4242 (a) S 1 2 3\n"), std::nullopt);
-    EXPECT_EQ(parseStatStartTime("4242 a S 1 2 3"), std::nullopt);
-    EXPECT_EQ(parseStatStartTime(""), std::nullopt);
+    EXPECT_EQ(parseStatStartTime(line("a", "18446744073709551615")), UINT64_MAX);
+    for (const std::string& bad :
+         {line("a", "18446744073709551616"), line("a", "-1"), line("a", "7x"),
+          std::string("4242 (a) S 1 2 3\n"), std::string("4242 a S 1 2 3"), std::string()}) {
+        EXPECT_EQ(parseStatStartTime(bad), std::nullopt) << bad;
+    }
 }
 
 // A live process whose name is built to mislead a parser that splits the
@@ -39,7 +37,7 @@ TEST(StatLine, HostileProcessNameOfALiveProcess) {
     const pid_t child = ::fork();
     if (child == 0) {
         ::prctl(PR_SET_NAME, "a) b (c");
-        (void)::write(ready[1], "x", 1);
+        (void)!::write(ready[1], "x", 1);
         ::pause();
         ::_exit(0);
     }
@@ -47,11 +45,12 @@ TEST(StatLine, HostileProcessNameOfALiveProcess) {
     ASSERT_EQ(::read(ready[0], &c, 1), 1);
     ::close(ready[0]);
     ::close(ready[1]);
-    EXPECT_EQ(testing::readFile("/proc/" + std::to_string(child) + "/comm"), "a) b (c\n");
+    const std::string proc = "/proc/" + std::to_string(child);
+    EXPECT_EQ(testing::readFile(proc + "/comm"), "a) b (c\n");
     auto start = processStartTime(child);
     // An independent reading of the same line.
-    auto python = testing::runPython("print(open('/proc/" + std::to_string(child) +
-                                     "/stat').read().rsplit(')', 1)[1].split()[19])");
+    auto python =
+        testing::runPython("print(open('" + proc + "/stat').read().rsplit(')', 1)[1].split()[19])");
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
     ASSERT_TRUE(start.ok()) << start.error().description;
@@ -60,25 +59,21 @@ TEST(StatLine, HostileProcessNameOfALiveProcess) {
     EXPECT_FALSE(processStartTime(child).ok());  // gone
 }
 
-TEST(ExternalForm, ExactBytesAndStrictReading) {
+// Both 32-byte formats are little-endian throughout; a form is read only
+// when every fixed byte is as written.
+TEST(ExternalForm, AndAuditTokenAreExactBytesReadStrictly) {
     const FormIdentity id{0x01020304, 1000, 0x1122334455667788};
     const AuthorizationExternalForm form = encodeExternalForm(id);
-    const AuthorizationExternalForm expected = {
-        'T',  'Y',  'A',  'F',  1,    0,    0,    0,    0x04, 0x03, 0x02, 0x01, 0xE8, 0x03, 0, 0,
-        0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 0,    0,    0,    0,    0,    0,    0, 0};
-    EXPECT_EQ(form, expected);
+    EXPECT_EQ(form, (AuthorizationExternalForm{'T',  'Y',  'A',  'F',  1,    0,    0,    0,
+                                               0x04, 0x03, 0x02, 0x01, 0xE8, 0x03, 0,    0,
+                                               0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11}));
     EXPECT_EQ(decodeExternalForm(form), id);
-
-    auto changed = [&](std::size_t at, std::uint8_t v) {
-        auto f = form;
-        f[at] = v;
-        return decodeExternalForm(f);
-    };
-    EXPECT_FALSE(changed(0, 't'));    // magic
-    EXPECT_FALSE(changed(4, 2));      // version
-    EXPECT_FALSE(changed(7, 1));      // version, high byte
-    EXPECT_FALSE(changed(24, 1));     // reserved
-    EXPECT_FALSE(changed(31, 0x80));  // reserved
+    // Magic, version (low and high byte), reserved bytes.
+    for (const std::size_t at : {0, 4, 7, 24, 31}) {
+        auto changed = form;
+        changed[at] ^= 0x80;
+        EXPECT_FALSE(decodeExternalForm(changed)) << at;
+    }
     EXPECT_FALSE(decodeExternalForm(std::span(form).first(31)));
 
     PeerIdentity peer;
@@ -87,15 +82,12 @@ TEST(ExternalForm, ExactBytesAndStrictReading) {
     EXPECT_FALSE(formNamesPeer(form, peer));  // start time unknown: nothing matches
     peer.startTime = 0x1122334455667788;
     EXPECT_TRUE(formNamesPeer(form, peer));
-}
 
-TEST(AuditToken, EightLittleEndianWordsInOrder) {
     const AuditTokenWords words{1, 2, 3, 4, 5, 0x01020304, kUnsetId, 8};
-    const AuditToken token = encodeAuditToken(words);
-    const AuditToken expected = {1, 0, 0, 0, 2, 0, 0, 0, 3,    0,    0,    0,    4, 0, 0, 0,
-                                 5, 0, 0, 0, 4, 3, 2, 1, 0xFF, 0xFF, 0xFF, 0xFF, 8, 0, 0, 0};
-    EXPECT_EQ(token, expected);
-    EXPECT_EQ(decodeAuditToken(token), words);
+    EXPECT_EQ(encodeAuditToken(words),
+              (AuditToken{1, 0, 0, 0, 2, 0, 0, 0, 3,    0,    0,    0,    4, 0, 0, 0,
+                          5, 0, 0, 0, 4, 3, 2, 1, 0xFF, 0xFF, 0xFF, 0xFF, 8, 0, 0, 0}));
+    EXPECT_EQ(decodeAuditToken(encodeAuditToken(words)), words);
 }
 
 }  // namespace

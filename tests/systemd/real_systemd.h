@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
-#include <optional>
 #include <string>
 #include <thread>
 
@@ -27,89 +26,62 @@ class ManagerView {
   public:
     ManagerView() {
         sd_bus* raw = nullptr;
-        if (sd_bus_new(&raw) < 0) {
-            return;
+        if (sd_bus_new(&raw) >= 0) {
+            bus_.reset(raw);
         }
-        bus_.reset(raw);
-        if (sd_bus_set_address(raw, (std::string("unix:path=") + kManagerSocket).c_str()) < 0 ||
+        if (!bus_ ||
+            sd_bus_set_address(raw, (std::string("unix:path=") + kManagerSocket).c_str()) < 0 ||
             sd_bus_start(raw) < 0) {
             bus_.reset();
         }
     }
     bool connected() const { return bus_ != nullptr; }
 
-    // The unit's object path. The manager drops units that are neither
-    // running nor referenced, so this loads the unit from its file again when
-    // needed (LoadState "not-found" when there is none).
-    std::optional<std::string> unitPath(const std::string& unit) {
-        linux_backend::SdBusError error;
-        sd_bus_message* raw = nullptr;
-        const int r = sd_bus_call_method(
-            bus_.get(), "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
-            "org.freedesktop.systemd1.Manager", "LoadUnit", error.get(), &raw, "s", unit.c_str());
-        linux_backend::SdBusMessagePtr reply(raw);
-        const char* path = nullptr;
-        if (r < 0 || sd_bus_message_read(raw, "o", &path) < 0) {
-            return std::nullopt;
-        }
-        return std::string(path);
-    }
-
-    // A string property of the unit; "" when the manager does not have it.
-    std::string property(const std::string& unit, const char* name,
-                         const char* interface = "org.freedesktop.systemd1.Unit") {
-        auto path = unitPath(unit);
-        if (!path) {
-            return "";
-        }
-        linux_backend::SdBusError error;
-        char* value = nullptr;
-        if (sd_bus_get_property_string(bus_.get(), "org.freedesktop.systemd1", path->c_str(),
-                                       interface, name, error.get(), &value) < 0) {
-            return "";
-        }
-        std::string out = value;
-        std::free(value);
+    // The unit's object path. A read through it makes the manager load the
+    // unit from its file again if it had dropped it (LoadState "not-found"
+    // when there is none).
+    static std::string unitPath(const std::string& unit) {
+        char* path = nullptr;
+        (void)sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.c_str(), &path);
+        std::string out = path != nullptr ? path : "";
+        std::free(path);
         return out;
     }
 
-    std::optional<std::uint64_t> u64Property(const std::string& unit, const char* interface,
-                                             const char* name) {
-        auto path = unitPath(unit);
-        std::uint64_t value = 0;
+    // A string property of the unit; "(no answer)" when the manager gives none.
+    std::string property(const std::string& unit, const char* name) {
         linux_backend::SdBusError error;
-        if (!path ||
-            sd_bus_get_property_trivial(bus_.get(), "org.freedesktop.systemd1", path->c_str(),
-                                        interface, name, error.get(), 't', &value) < 0) {
-            return std::nullopt;
-        }
-        return value;
-    }
-
-    // Queues a start of the unit; true once the manager took the job.
-    bool start(const std::string& unit) {
-        linux_backend::SdBusError error;
-        sd_bus_message* raw = nullptr;
+        char* value = nullptr;
         const int r =
-            sd_bus_call_method(bus_.get(), "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
-                               "org.freedesktop.systemd1.Manager", "StartUnit", error.get(), &raw,
-                               "ss", unit.c_str(), "replace");
-        linux_backend::SdBusMessagePtr reply(raw);
-        return r >= 0;
+            sd_bus_get_property_string(bus_.get(), kService, unitPath(unit).c_str(),
+                                       "org.freedesktop.systemd1.Unit", name, error.get(), &value);
+        std::string out = r < 0 ? "(no answer)" : value;
+        std::free(value);
+        return out;
+    }
+    // A property of a fixed-size type ('t' for std::uint64_t, 'u' for
+    // std::uint32_t); 0 when the manager gives none.
+    template <typename T>
+    T trivialProperty(const std::string& unit, const char* interface, const char* name, char type) {
+        linux_backend::SdBusError error;
+        T value = 0;
+        (void)sd_bus_get_property_trivial(bus_.get(), kService, unitPath(unit).c_str(), interface,
+                                          name, error.get(), type, &value);
+        return value;
     }
 
     bool loaded(const std::string& unit) { return property(unit, "LoadState") == "loaded"; }
     std::string activeState(const std::string& unit) { return property(unit, "ActiveState"); }
 
   private:
+    static constexpr const char* kService = "org.freedesktop.systemd1";
     linux_backend::SdBusPtr bus_;
 };
 
 // Polls `done` until it holds or `timeout` passes.
 inline bool eventually(const std::function<bool()>& done,
                        std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-    const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
+    for (auto end = std::chrono::steady_clock::now() + timeout; !done();) {
         if (std::chrono::steady_clock::now() > end) {
             return false;
         }
@@ -118,23 +90,17 @@ inline bool eventually(const std::function<bool()>& done,
     return true;
 }
 
-// Base of every test that needs the real manager: skipped, saying why, when
-// not root, when not inside with-systemd.sh (the machine's own manager is
-// never touched), or when nothing answers at the manager's socket.
+// Base of every test that needs the real manager: skipped when not root, not
+// inside with-systemd.sh (the machine's own manager is never touched) or when
+// nothing answers at the manager's socket.
 class RealSystemdTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (std::getenv("TESSARY_PRIVATE_SYSTEMD") == nullptr) {
-            GTEST_SKIP() << "not inside tests/systemd/with-systemd.sh; the machine's own "
-                            "systemd is never used (CTest label \"systemd\" runs it there)";
-        }
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "needs root and a private systemd: run it through "
-                            "tests/systemd/with-systemd.sh (CTest label \"systemd\")";
-        }
-        if (!manager.connected()) {
-            GTEST_SKIP() << "no systemd answers at " << kManagerSocket
-                         << ": run it through tests/systemd/with-systemd.sh";
+        if (std::getenv("TESSARY_PRIVATE_SYSTEMD") == nullptr || ::geteuid() != 0 ||
+            !manager.connected()) {
+            GTEST_SKIP() << "needs root and a private systemd at " << kManagerSocket
+                         << ": run it through tests/systemd/with-systemd.sh (CTest label "
+                            "\"systemd\")";
         }
     }
 
