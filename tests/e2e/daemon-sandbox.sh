@@ -25,70 +25,16 @@ daemon=$1 bundle=$2 policy=$3
 shift 3
 [[ "${1:-}" == -- ]] && shift
 
-fail() {
-    echo "daemon-sandbox: $*" >&2
-    exit 70
-}
+here="$(cd "$(dirname "$0")" && pwd)"
+# shellcheck source=sandbox-lib.sh
+source "$here/sandbox-lib.sh"
 
-[[ -n "${TESSARY_PRIVATE_SYSTEMD:-}" ]] || fail "run me under with-systemd.sh --private-run"
+[[ -n "${TESSARY_PRIVATE_SYSTEMD:-}" ]] || sandbox_fail "run me under with-systemd.sh --private-run"
 
-for dir in /Applications /Library /var/db /etc/tessary; do
-    mkdir -p "$dir"
-    mount -t tmpfs -o mode=0755 tmpfs "$dir" || fail "cannot mount a tmpfs over $dir"
-done
-
-# polkit: the shipped action beside the system's, and a rule for "daemon".
-work=/run/tessary-sandbox
-mkdir -p "$work/actions" "$work/rules"
-cp /usr/share/polkit-1/actions/*.policy "$work/actions/" 2>/dev/null || true
-cp "$policy" "$work/actions/"
-cat >"$work/rules/50-tessary-test.rules" <<'RULES'
-polkit.addRule(function(action, subject) {
-    if (action.id == "com.orvane.tessaryd.admin" && subject.user == "daemon") {
-        return polkit.Result.YES;
-    }
-});
-RULES
-mount --bind "$work/actions" /usr/share/polkit-1/actions
-mkdir -p /etc/polkit-1/rules.d
-mount --bind "$work/rules" /etc/polkit-1/rules.d
-
-mkdir -p /run/dbus
-cat >"$work/system-bus.conf" <<'CONF'
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path=/run/dbus/system_bus_socket</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-CONF
-dbus-daemon --config-file="$work/system-bus.conf" --nofork --nopidfile &
-bus_pid=$!
-for _ in $(seq 100); do
-    [[ -S /run/dbus/system_bus_socket ]] && break
-    sleep 0.05
-done
-/usr/lib/polkit-1/polkitd --no-debug >"$work/polkitd.log" 2>&1 &
-polkit_pid=$!
-for _ in $(seq 100); do
-    busctl --address=unix:path=/run/dbus/system_bus_socket list 2>/dev/null |
-        grep -q org.freedesktop.PolicyKit1 && break
-    sleep 0.05
-done
-busctl --address=unix:path=/run/dbus/system_bus_socket list 2>/dev/null |
-    grep -q org.freedesktop.PolicyKit1 || fail "polkitd did not come up: $(cat "$work/polkitd.log")"
-
-# The app and the installed daemon.
-cp -a "$bundle" /Applications/Tessary.app
-mkdir -p /Applications/Tessary.app/Contents/Library/LaunchServices /Library/PrivilegedHelperTools
-cp "$daemon" /Applications/Tessary.app/Contents/Library/LaunchServices/com.orvane.tessaryd
+sandbox_private_dirs
+sandbox_system_bus "$policy"
+sandbox_app "$bundle" "$daemon"
+mkdir -p /Library/PrivilegedHelperTools
 cp "$daemon" /Library/PrivilegedHelperTools/com.orvane.tessaryd
 # A machine that was set up before: start-up parks nothing.
 touch /var/db/.TessarySetupDone
@@ -109,17 +55,12 @@ RestartSec=200ms
 StartLimitIntervalSec=0
 UNIT
     systemctl --user daemon-reload
-    systemctl --user start com.orvane.tessaryd.service || fail "cannot start the daemon's unit"
+    systemctl --user start com.orvane.tessaryd.service || sandbox_fail "cannot start the daemon's unit"
 else
     /Library/PrivilegedHelperTools/com.orvane.tessaryd 2>/run/tessaryd.log &
     daemon_pid=$!
 fi
-for _ in $(seq 200); do
-    [[ -S /run/com.orvane.tessaryd ]] && break
-    daemon_alive || fail "tessaryd ended at start: $(cat /run/tessaryd.log 2>/dev/null)"
-    sleep 0.05
-done
-[[ -S /run/com.orvane.tessaryd ]] || fail "tessaryd opened no socket"
+sandbox_wait_for_daemon || sandbox_fail "tessaryd opened no socket: $(cat /run/tessaryd.log 2>/dev/null)"
 
 set +e
 "$@"
@@ -130,6 +71,5 @@ else
     daemon_alive || { echo "daemon-sandbox: tessaryd is gone" >&2; status=1; }
     kill "$daemon_pid" 2>/dev/null
 fi
-kill "$polkit_pid" "$bus_pid" 2>/dev/null
-wait 2>/dev/null
+sandbox_stop
 exit "$status"

@@ -86,7 +86,7 @@ TEST(DaemonEndToEnd, StatusListAndTheLifeOfAService) {
     auto list = ask("list");
     ASSERT_EQ(list.returnCode, 0);
     EXPECT_EQ(*list.result->find("enabledServices"), Value(Array{}));
-    EXPECT_EQ(list.result->find("disabledServices")->array()->size(), 2U);
+    EXPECT_EQ(list.result->find("disabledServices")->array()->size(), 3U);
 
     // Enabled: the job really runs under systemd, with its arguments intact.
     ::unlink("/run/e2e-probe.args");

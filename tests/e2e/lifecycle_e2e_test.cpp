@@ -166,9 +166,11 @@ TEST_F(Lifecycle, C_ReplacedAppUpdatesTheDaemon) {
 }
 
 TEST_F(Lifecycle, D_RemovedAppUninstallsTheDaemon) {
-    ASSERT_EQ(ask("enable", {{"service", Value("com.example.probe")}}).returnCode, 0);
+    // A service running a program from inside the bundle keeps the bundle's
+    // directory referenced while it runs; the removal must be seen all the same.
+    ASSERT_EQ(ask("enable", {{"service", Value("com.example.inside")}}).returnCode, 0);
     ASSERT_TRUE(eventually(
-        [] { return run("systemctl --user is-active com.example.probe.service") == "active"; }));
+        [] { return run("systemctl --user is-active com.example.inside.service") == "active"; }));
     fs::remove_all(kApp);
 
     // Five seconds for a copy to come back, then the removal.
@@ -176,7 +178,7 @@ TEST_F(Lifecycle, D_RemovedAppUninstallsTheDaemon) {
     EXPECT_TRUE(eventually([] { return daemonPid() == 0; }, 30s));
     EXPECT_TRUE(eventually(
         [] { return run("systemctl --user is-active com.orvane.tessaryd.service") != "active"; }));
-    EXPECT_NE(run("systemctl --user is-active com.example.probe.service"), "active");
+    EXPECT_NE(run("systemctl --user is-active com.example.inside.service"), "active");
     EXPECT_FALSE(fs::exists("/Library/Application Support/Orvane/Tessary"));
     // Its own job is gone from the service manager too.
     EXPECT_TRUE(

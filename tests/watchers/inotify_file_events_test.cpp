@@ -1,12 +1,14 @@
 #include "platform/linux/inotify_file_events.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <filesystem>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "platform/linux/sd_event_queue.h"
 #include "support/temp_dir.h"
 
@@ -61,9 +63,23 @@ TEST_F(InotifyFileEventsTest, RemovalIsHeldUntilResumeThenOneDeleteEvent) {
     turn(1, 200ms);
     EXPECT_EQ(seen, Events{});
     source->resume();
+    // The entry's deletion in the parent and the directory's own; the
+    // children's deletions are neither.
+    turn(3, 200ms);
+    EXPECT_EQ(seen, (Events{kFileEventDelete, kFileEventDelete}));
+}
+
+// A directory something still refers to (a process running a program from
+// inside it, here an open descriptor) gets no IN_DELETE_SELF until the last
+// reference goes; its entry's deletion is reported at once all the same.
+TEST_F(InotifyFileEventsTest, RemovalOfADirectoryStillInUseIsReportedAtOnce) {
+    auto source = watch();
+    ASSERT_NE(source, nullptr);
+    source->resume();
+    UniqueFd held(::open(bundle.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_TRUE(held);
+    fs::remove_all(bundle);
     turn(1);
-    // The children's deletions are not the directory's own events.
-    turn(2, 200ms);
     EXPECT_EQ(seen, Events{kFileEventDelete});
 }
 
@@ -73,17 +89,19 @@ TEST_F(InotifyFileEventsTest, MoveIsARenameAndTheWatchFollowsTheDirectory) {
     source->resume();
     const std::string moved = dir / "Trash.app";
     fs::rename(bundle, moved);
-    turn(1);
-    EXPECT_EQ(seen, Events{kFileEventRename});
+    turn(3, 200ms);
+    EXPECT_EQ(seen, (Events{kFileEventRename, kFileEventRename}));  // the entry's and its own
 
-    // A new bundle at the path is not watched; the moved one still is.
+    // A new bundle at the path has no watch of its own, but its entry going
+    // away is seen in the parent; the moved directory is still watched.
     testing::writeFile(bundle + "/Contents/MacOS/Tessary", "new build");
     fs::remove_all(bundle);
-    turn(2, 200ms);
-    EXPECT_EQ(seen, Events{kFileEventRename});
+    turn(3);
+    EXPECT_EQ(seen.back(), kFileEventDelete);
+    seen.clear();
     fs::remove_all(moved);
-    turn(2);
-    EXPECT_EQ(seen, (Events{kFileEventRename, kFileEventDelete}));
+    turn(1);
+    EXPECT_EQ(seen, Events{kFileEventDelete});
 }
 
 TEST_F(InotifyFileEventsTest, OnlyTheAskedEventsAreDelivered) {
