@@ -1,7 +1,10 @@
 // tessaryctl: the command-line client of tessaryd.
 
 #include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -9,6 +12,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +20,8 @@
 #include "base/unique_fd.h"
 #include "client/tessary_client.h"
 #include "plist/codec.h"
+
+extern char** environ;
 
 namespace {
 
@@ -33,6 +39,7 @@ enum class Output : std::uint8_t {
     Services,       // list: one "enabled"/"disabled" line per service
     Status,         // the status word
     Label,          // create, destroy: the service's label
+    Labels,         // restore-services: the previously enabled labels, one per line
     ArgumentLines,  // program arguments, one per line
     PropertyList,   // sockets, calendar intervals: an XML property list
 };
@@ -51,9 +58,8 @@ struct Command {
     Output output;
 };
 
-// Every command the client offers. The promotion commands ("demote",
-// "restoreServices", "beginPromotion", "endPromotion") are not offered yet:
-// each will be one more line here.
+// Every command the client offers as one request. "promote" is made of two
+// of them around a command of the caller's (see runPromotion).
 constexpr std::array kCommands = {
     Command{"list", "list", false, false, "", false, false, "", Output::Services},
     Command{"status", "status", false, false, "", false, false, "", Output::Status},
@@ -68,7 +74,15 @@ constexpr std::array kCommands = {
             "startCalendarIntervals", false, false, "startCalendarIntervals", Output::PropertyList},
     Command{"create", "create", false, false, "serviceDictionary", true, false, "", Output::Label},
     Command{"destroy", "destroy", true, false, "", false, false, "", Output::Label},
+    Command{"begin-promotion", "beginPromotion", false, false, "", false, false, "",
+            Output::Nothing},
+    Command{"end-promotion", "endPromotion", false, false, "", false, false, "", Output::Nothing},
+    Command{"restore-services", "restoreServices", false, false, "", false, false, "",
+            Output::Labels},
+    Command{"demote", "demote", false, false, "", false, false, "", Output::Nothing},
 };
+
+constexpr std::string_view kPromote = "promote";
 
 constexpr const char* kUsage =
     "usage: tessaryctl [--socket PATH] [--timeout SECONDS] [--json] COMMAND\n"
@@ -87,9 +101,16 @@ constexpr const char* kUsage =
     "                                    show, or from PLIST set, a job's start times\n"
     "  create --file PLIST               add the service PLIST describes\n"
     "  destroy SERVICE                   remove a service\n"
+    "  promote -- COMMAND [ARG...]       begin a promotion, run COMMAND, and end the\n"
+    "                                    promotion when COMMAND succeeds\n"
+    "  begin-promotion                   begin a promotion for this process\n"
+    "  end-promotion                     end the promotion: set-up done\n"
+    "  restore-services                  enable again the services enabled before;\n"
+    "                                    shows them\n"
+    "  demote                            stop everything and uninstall the daemon\n"
     "\n"
     "exit status: 0 success, 1 the daemon refused, 2 no daemon or no answer,\n"
-    "64 usage error\n";
+    "64 usage error; promote: COMMAND's status when it fails\n";
 
 struct Invocation {
     const Command* command = nullptr;
@@ -100,6 +121,8 @@ struct Invocation {
     std::optional<std::string> job;
     std::optional<std::string> file;
     std::optional<std::vector<std::string>> arguments;
+    // promote: COMMAND and its arguments, in `arguments`.
+    bool promote = false;
 };
 
 // Ends the program with a usage error.
@@ -166,6 +189,16 @@ Invocation parseArguments(int argc, char** argv) {
 
     if (positional.empty()) {
         usageError("no command given");
+    }
+    if (positional[0] == kPromote) {
+        if (positional.size() > 1 || inv.job || inv.file || inv.json) {
+            usageError("promote takes only -- COMMAND [ARG...]");
+        }
+        if (!inv.arguments || inv.arguments->empty()) {
+            usageError("promote wants -- COMMAND [ARG...]");
+        }
+        inv.promote = true;
+        return inv;
     }
     for (const Command& c : kCommands) {
         if (c.name == positional[0]) {
@@ -395,6 +428,12 @@ void printReadable(const Command& c, const plist::Value& result) {
                 }
             }
             return;
+        case Output::Labels:
+            for (const plist::Value& label :
+                 plist::arrayOf(result.find("previouslyEnabledServices"))) {
+                (void)std::printf("%s\n", label.description().c_str());
+            }
+            return;
         case Output::Status:
         case Output::Label: {
             const char* key = c.output == Output::Status ? "status" : "service";
@@ -421,14 +460,12 @@ void printReadable(const Command& c, const plist::Value& result) {
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    const Invocation inv = parseArguments(argc, argv);
+// Sends one request and shows its result; the exit status.
+int perform(const Invocation& inv, const Command& command, const plist::Dictionary& args) {
     client::Request request;
-    request.command = std::string(inv.command->wire);
-    if (plist::Dictionary args = argumentsFor(inv); !args.empty()) {
-        request.arguments = std::move(args);
+    request.command = std::string(command.wire);
+    if (!args.empty()) {
+        request.arguments = args;
     }
     // Every request names its sender; commands that need no right ignore it.
     if (auto form = client::makeAuthorizationForm()) {
@@ -446,7 +483,7 @@ int main(int argc, char** argv) {
     }
     if (reply.value().returnCode != 0) {
         (void)std::fprintf(stderr, "tessaryctl: the daemon refused \"%s\"\n",
-                           std::string(inv.command->name).c_str());
+                           std::string(command.name).c_str());
         return kExitFailed;
     }
     const plist::Value result = reply.value().result.value_or(plist::Value());
@@ -455,7 +492,92 @@ int main(int argc, char** argv) {
         appendJson(out, result);
         (void)std::printf("%s\n", out.c_str());
     } else {
-        printReadable(*inv.command, result);
+        printReadable(command, result);
     }
     return std::fflush(stdout) == 0 ? kExitSuccess : kExitFailed;
+}
+
+const Command& commandNamed(std::string_view name) {
+    for (const Command& c : kCommands) {
+        if (c.name == name) {
+            return c;
+        }
+    }
+    std::abort();  // only called with the names of the table
+}
+
+// Runs COMMAND and waits for it, as system(3) does: this process ignores the
+// terminal's interrupt and quit while COMMAND runs, and COMMAND gets them as
+// usual. The status in the shell's terms: the exit status, 128 + the signal
+// that killed it, 127 when it could not be found, 126 when it could not be
+// run.
+int runAndWait(std::vector<std::string> command) {
+    std::vector<char*> argv;
+    for (std::string& a : command) {
+        argv.push_back(a.data());
+    }
+    argv.push_back(nullptr);
+
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    struct sigaction oldInt {};
+    struct sigaction oldQuit {};
+    (void)::sigaction(SIGINT, &ignore, &oldInt);
+    (void)::sigaction(SIGQUIT, &ignore, &oldQuit);
+    posix_spawnattr_t attr;
+    (void)posix_spawnattr_init(&attr);
+    sigset_t defaults;
+    (void)sigemptyset(&defaults);
+    (void)sigaddset(&defaults, SIGINT);
+    (void)sigaddset(&defaults, SIGQUIT);
+    (void)posix_spawnattr_setsigdefault(&attr, &defaults);
+    (void)posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF);
+    pid_t pid = -1;
+    const int err = posix_spawnp(&pid, argv[0], nullptr, &attr, argv.data(), environ);
+    (void)posix_spawnattr_destroy(&attr);
+    int status = 0;
+    if (err == 0) {
+        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+    }
+    (void)::sigaction(SIGINT, &oldInt, nullptr);
+    (void)::sigaction(SIGQUIT, &oldQuit, nullptr);
+    if (err != 0) {
+        (void)std::fprintf(stderr, "tessaryctl: cannot run %s: %s\n", argv[0], std::strerror(err));
+        return err == ENOENT ? 127 : 126;
+    }
+    if (WIFSIGNALED(status)) {
+        return 128 + WTERMSIG(status);
+    }
+    return WEXITSTATUS(status);
+}
+
+// promote -- COMMAND...: the daemon watches the process that begins a
+// promotion and ends itself when that process exits before the promotion is
+// ended. So this process begins it, stays alive while COMMAND does the
+// set-up, and ends it only when COMMAND succeeded. When COMMAND fails the
+// promotion is left unended and this process exits: the daemon then takes
+// the promotion as abandoned and cleans it up.
+int runPromotion(const Invocation& inv) {
+    if (const int rc = perform(inv, commandNamed("begin-promotion"), {}); rc != kExitSuccess) {
+        return rc;
+    }
+    const int status = runAndWait(*inv.arguments);
+    if (status != 0) {
+        (void)std::fprintf(stderr,
+                           "tessaryctl: %s ended with status %d; the promotion is not ended\n",
+                           inv.arguments->front().c_str(), status);
+        return status;
+    }
+    return perform(inv, commandNamed("end-promotion"), {});
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Invocation inv = parseArguments(argc, argv);
+    if (inv.promote) {
+        return runPromotion(inv);
+    }
+    return perform(inv, *inv.command, argumentsFor(inv));
 }

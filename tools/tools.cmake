@@ -14,3 +14,16 @@ install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryctl.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/polkit-1/actions)
+
+# The small commands the daemon's clean-up jobs call by name: jobtool (removes
+# a job through the systemd backend) and syslog (one line into the system
+# log). They go into the project's own directory, which the backend puts first
+# on the PATH of every job it submits (src/daemon/main.cpp), not onto the
+# system's PATH: their names are too common for that.
+add_executable(jobtool ${CMAKE_CURRENT_SOURCE_DIR}/tools/jobtool.cpp)
+target_link_libraries(jobtool PRIVATE tessary_systemd tessary_linux_backends tessary_platform_linux)
+
+add_executable(syslog_command ${CMAKE_CURRENT_SOURCE_DIR}/tools/syslog_command.cpp)
+set_target_properties(syslog_command PROPERTIES OUTPUT_NAME syslog)
+
+install(TARGETS jobtool syslog_command RUNTIME DESTINATION lib/tessary/bin)

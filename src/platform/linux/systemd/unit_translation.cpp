@@ -63,6 +63,18 @@
 // - Without StandardOutPath/StandardErrorPath the output goes where systemd
 //   sends it (the journal), not to /dev/null: on Linux that is where an
 //   administrator looks.
+// - A job whose program is "/bin/sh" runs "/bin/bash" instead, with its
+//   arguments, argv[0] included, unchanged. Job scripts are written for a
+//   /bin/sh that is bash in its POSIX mode: the uninstall clean-up job, for
+//   one, begins with "shopt -s nullglob" so that an empty directory runs
+//   nothing. Debian's /bin/sh is dash, which has no shopt: it would print an
+//   error and run the loop once with the unexpanded pattern. bash started
+//   with an argv[0] named "sh" (the usual "/bin/sh") takes the POSIX mode, as
+//   the scripts expect, and keeps shopt and nullglob. bash is Essential on
+//   Debian, so it is there wherever the daemon runs; the translation does not
+//   look for it, which keeps it pure and its result the same on every
+//   machine. Only that exact path is mapped: a job naming another shell gets
+//   that shell.
 
 namespace tessary::linux_backend {
 
@@ -74,6 +86,9 @@ constexpr std::size_t kUnitNameMax = 255;
 constexpr std::string_view kDefaultSearchPath =
     "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 constexpr int kDefaultThrottleSeconds = 10;
+// What runs a job whose program is kPosixShell; see the comment at the top.
+constexpr std::string_view kPosixShell = "/bin/sh";
+constexpr std::string_view kShellWithShopt = "/bin/bash";
 
 Error invalid(std::string text) {
     return Error{"SystemdUnitTranslation", EINVAL, std::move(text)};
@@ -377,6 +392,9 @@ Status Translator::program() {
     if (path.empty() || hasControlCharacter(path) || !isValidUtf8(path)) {
         return invalid("the program path " + describeValue(path) +
                        " is empty, holds control characters or is not UTF-8");
+    }
+    if (path == kPosixShell) {
+        path = kShellWithShopt;  // argv, argv[0] included, stays as the job gives it
     }
     std::string line = "@" + quotedWord(path, false);
     for (const auto& a : argv) {

@@ -51,6 +51,8 @@ std::string serviceUnitName(std::string_view label);
 
 // Turns a job dictionary into unit files. Pure: reads nothing and writes
 // nothing. An error names the offending key; nothing half-made is returned.
+// A job whose program is "/bin/sh" runs under "/bin/bash", its arguments
+// unchanged (the .cpp says why).
 Result<UnitTranslation> translateJob(const plist::Value& job, const TranslationOptions& options);
 
 }  // namespace tessary::linux_backend

@@ -1,0 +1,411 @@
+// The daemon's two clean-up jobs against a real systemd: the supervisor
+// submits them through the systemd backend exactly as it does when it
+// uninstalls or updates itself, with the project's jobtool and syslog first on
+// their PATH, and they really do their work and remove themselves. Also
+// jobtool and syslog on their own.
+//
+// Needs root, a private systemd (tests/systemd/with-systemd.sh) and a private
+// tmpfs over /Library (tests/systemd/with-private-library.sh), since the
+// uninstall script names /Library/Tessary/.UninstallExtras.
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/statfs.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include "base/unique_fd.h"
+#include "daemon/supervisor.h"
+#include "platform/linux/sd_handles.h"
+#include "platform/linux/systemd/systemd_service_manager.h"
+#include "support/test_platform.h"
+#include "systemd/real_systemd.h"
+
+extern char** environ;
+
+namespace tessary::linux_backend {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+constexpr const char* kUninstallLabel = "com.orvane.tessaryd.UninstallExtras";
+constexpr const char* kKillallLabel = "com.orvane.tessaryd.killallTessaryApps";
+constexpr const char* kExtras = "/Library/Tessary/.UninstallExtras";
+// Where the journal would listen: inside the private /run/systemd, so the
+// test listens there instead.
+constexpr const char* kJournalDirectory = "/run/systemd/journal";
+constexpr const char* kJournalStdout = "/run/systemd/journal/stdout";
+
+UniqueFd boundSocket(int type, const std::string& path) {
+    UniqueFd fd(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+    ::unlink(path.c_str());
+    if (!fd || ::bind(fd.get(), reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+        (type == SOCK_STREAM && ::listen(fd.get(), 16) != 0)) {
+        return {};
+    }
+    return fd;
+}
+
+// Sets one variable in the manager's environment, which every job it starts
+// inherits.
+bool setManagerEnvironment(const std::string& assignment) {
+    sd_bus* raw = nullptr;
+    if (sd_bus_new(&raw) < 0) {
+        return false;
+    }
+    const SdBusPtr bus(raw);
+    SdBusError error;
+    return sd_bus_set_address(raw, (std::string("unix:path=") + testing::kManagerSocket).c_str()) >=
+               0 &&
+           sd_bus_start(raw) >= 0 &&
+           sd_bus_call_method(raw, "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
+                              "org.freedesktop.systemd1.Manager", "SetEnvironment", error.get(),
+                              nullptr, "as", 1, assignment.c_str()) >= 0;
+}
+
+// Stands in for the journal: collects what the jobs write to standard output
+// and error, which the manager connects to the journal's stream socket.
+class JournalStandIn {
+  public:
+    JournalStandIn()
+        : socket_((fs::create_directories(kJournalDirectory),
+                   boundSocket(SOCK_STREAM, kJournalStdout))) {
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~JournalStandIn() {
+        stop_ = true;
+        thread_.join();
+        ::unlink(kJournalStdout);
+    }
+    JournalStandIn(const JournalStandIn&) = delete;
+    JournalStandIn& operator=(const JournalStandIn&) = delete;
+
+    bool listening() const { return socket_.valid(); }
+
+    // Everything written since the last clear, without the seven header
+    // lines the manager sends first on each stream.
+    std::string output() {
+        std::lock_guard lock(mutex_);
+        std::string out;
+        for (const std::string& text : streams_) {
+            std::size_t start = 0;
+            for (int line = 0; line < 7 && start != std::string::npos; ++line) {
+                start = text.find('\n', start);
+                start = start == std::string::npos ? start : start + 1;
+            }
+            out += start == std::string::npos ? "" : text.substr(start);
+        }
+        return out;
+    }
+    void clear() {
+        std::lock_guard lock(mutex_);
+        streams_.clear();
+        first_ = open_.size();
+    }
+
+  private:
+    void serve() {
+        while (!stop_) {
+            std::vector<pollfd> fds = {{socket_.get(), POLLIN, 0}};
+            for (const UniqueFd& c : open_) {
+                fds.push_back({c.get(), POLLIN, 0});
+            }
+            if (::poll(fds.data(), fds.size(), 20) <= 0) {
+                continue;
+            }
+            std::lock_guard lock(mutex_);
+            if ((fds[0].revents & POLLIN) != 0) {
+                open_.emplace_back(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            }
+            for (std::size_t i = 1; i < fds.size(); ++i) {
+                if (fds[i].revents == 0) {
+                    continue;
+                }
+                char buf[4096];
+                const ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
+                if (n <= 0) {
+                    open_[i - 1].reset();  // ended: poll skips it from now on
+                } else if (i - 1 >= first_) {
+                    streams_.resize(std::max(streams_.size(), i - first_));
+                    streams_[i - 1 - first_].append(buf, static_cast<std::size_t>(n));
+                }
+            }
+        }
+    }
+
+    UniqueFd socket_;
+    std::atomic<bool> stop_{false};
+    std::mutex mutex_;
+    std::vector<UniqueFd> open_;        // every stream so far, closed or not
+    std::size_t first_ = 0;             // the first of open_ since the last clear
+    std::vector<std::string> streams_;  // what those wrote
+    std::thread thread_;
+};
+
+struct ToolRun {
+    int exitCode = -1;
+    std::string err;
+};
+
+// Runs `argv` to its end; with `privateDevLog`, in a mount namespace of its
+// own whose /dev holds nothing but a /dev/log leading to that path.
+ToolRun runTool(std::vector<std::string> argv, const std::string& errPath,
+                const std::string& privateDevLog = {}) {
+    std::vector<char*> args;
+    for (auto& a : argv) {
+        args.push_back(a.data());
+    }
+    args.push_back(nullptr);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (err < 0 || ::dup2(err, 2) < 0) {
+            ::_exit(120);
+        }
+        if (!privateDevLog.empty() &&
+            (::unshare(CLONE_NEWNS) != 0 ||
+             ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+             ::mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0 ||
+             ::symlink(privateDevLog.c_str(), "/dev/log") != 0)) {
+            ::_exit(121);
+        }
+        ::execve(args[0], args.data(), environ);
+        ::_exit(127);
+    }
+    ToolRun run;
+    int status = 0;
+    if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
+        run.exitCode = WEXITSTATUS(status);
+    }
+    run.err = testing::readFile(errPath);
+    return run;
+}
+
+class CleanupJobsTest : public testing::RealSystemdTest {
+  protected:
+    void SetUp() override {
+        RealSystemdTest::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        struct statfs library {};
+        if (std::getenv("TESSARY_PRIVATE_LIBRARY") == nullptr ||
+            ::statfs("/Library", &library) != 0 || library.f_type != TMPFS_MAGIC) {
+            GTEST_SKIP() << "needs a private tmpfs over /Library: run it through "
+                            "tests/systemd/with-private-library.sh (CTest label \"systemd\")";
+        }
+        fs::create_directories(helpers);
+        fs::create_symlink(JOBTOOL, helpers + "/jobtool");
+        fs::create_symlink(SYSLOG_COMMAND, helpers + "/syslog");
+        journal = std::make_unique<JournalStandIn>();
+        ASSERT_TRUE(journal->listening());
+        privateLibrary = true;
+        // In sanitizer builds, the leak check at the exit of a jobtool that
+        // ends inside its own stopping unit stops the process with ptrace, and
+        // the SIGCONT that systemd sends with the stop's SIGTERM can leave that
+        // check waiting forever. The jobs of this private manager run without
+        // it; the jobtool run from the test itself still has it.
+        std::string asan =
+            std::getenv("ASAN_OPTIONS") != nullptr ? std::getenv("ASAN_OPTIONS") : "";
+        asan = "ASAN_OPTIONS=" + asan + (asan.empty() ? "" : ":") + "detect_leaks=0";
+        ASSERT_TRUE(setManagerEnvironment(asan));
+    }
+    void TearDown() override {
+        if (!privateLibrary) {
+            return;  // skipped: nothing here is the test's to clean up
+        }
+        for (const pid_t pid : children) {
+            if (pid > 0) {
+                ::kill(pid, SIGKILL);
+                ::waitpid(pid, nullptr, 0);
+            }
+        }
+        for (const char* label : {kUninstallLabel, kKillallLabel, "com.tessary.test.sleeper"}) {
+            if (backend.jobIsEnabled(label)) {
+                (void)backend.removeJob(label, auth, true);
+            }
+        }
+        std::error_code ec;
+        fs::remove_all("/Library/Tessary", ec);
+    }
+
+    // Starts the clean-up job as the supervisor does and waits until it has
+    // removed itself: no unit loaded, no unit file, and no failure left.
+    void runCleanupJob(void (TYSupervisor::*start)(), const std::string& label) {
+        const std::string unit = label + ".service";
+        TYSupervisor supervisor(platform);
+        (supervisor.*start)();
+        for (const std::string& line : doubles.log.lines()) {
+            EXPECT_EQ(line.find("ERROR"), std::string::npos) << line;
+        }
+        // A unit whose file is gone can still be running or be kept as
+        // failed; gone, it is neither.
+        std::string state;
+        EXPECT_TRUE(testing::eventually(
+            [&] {
+                state = manager.activeState(unit);
+                return (state == "inactive" || state == "failed") && !manager.loaded(unit) &&
+                       !fs::exists(std::string(testing::kManagerUnitDirectory) + "/" + unit);
+            },
+            30s))
+            << label << " did not remove itself; " << state;
+        EXPECT_EQ(state, "inactive");
+        EXPECT_FALSE(backend.jobIsEnabled(label));
+    }
+
+    testing::TempDir dir;
+    std::string helpers = dir / "bin";
+    testing::TestPlatform doubles;
+    SystemdServiceManager backend{
+        {testing::kManagerSocket, testing::kManagerUnitDirectory, helpers}, doubles.log};
+    AuthorizationRef auth = doubles.authorization.create({}, 0).authorization;
+    Platform platform{doubles.paths,
+                      doubles.log,
+                      doubles.queue,
+                      doubles.process,
+                      doubles.files,
+                      backend,
+                      doubles.authorization,
+                      doubles.codeSigning,
+                      doubles.messages,
+                      doubles.powerAssertions,
+                      doubles.powerNotifier,
+                      doubles.notices,
+                      doubles.backupExclusion,
+                      doubles.productInfo,
+                      doubles.bundleInfo,
+                      doubles.exitWatch,
+                      doubles.runningApplications,
+                      doubles.fileEvents,
+                      doubles.fileCoordination};
+    std::unique_ptr<JournalStandIn> journal;
+    std::vector<pid_t> children;
+    bool privateLibrary = false;
+};
+
+TEST_F(CleanupJobsTest, TheUninstallJobRunsTheExtrasInOrderAndRemovesItself) {
+    const std::string ran = dir / "ran";
+    // Made out of order; a failing one does not stop the others.
+    for (const char* name : {"c-last", "a-first", "b-fails"}) {
+        const std::string path = std::string(kExtras) + "/" + name;
+        testing::writeFile(path, std::string("#!/bin/sh\necho ") + name + " >> " + ran +
+                                     (name[0] == 'b' ? "\nexit 1\n" : "\n"));
+        fs::permissions(path, fs::perms(0755));
+    }
+    runCleanupJob(&TYSupervisor::startUninstallExtrasService, kUninstallLabel);
+    EXPECT_EQ(testing::readFile(ran), "a-first\nb-fails\nc-last\n");
+    EXPECT_FALSE(fs::exists(kExtras));
+    EXPECT_TRUE(fs::exists("/Library/Tessary"));
+    EXPECT_EQ(journal->output(), "");
+}
+
+// Under a shell without shopt, the loop would run once with the pattern
+// itself: an error for shopt, a "Running .../*..." line and an error for
+// running "*".
+TEST_F(CleanupJobsTest, AnEmptyOrMissingExtrasDirectoryRunsNothing) {
+    for (const bool present : {true, false}) {
+        journal->clear();
+        fs::create_directories(present ? kExtras : "/Library/Tessary");
+        runCleanupJob(&TYSupervisor::startUninstallExtrasService, kUninstallLabel);
+        EXPECT_EQ(journal->output(), "") << present;
+        EXPECT_FALSE(fs::exists(kExtras));
+    }
+}
+
+TEST_F(CleanupJobsTest, TheKillallJobKillsEveryTessaryAndRemovesItself) {
+    // killall goes by the process name, which is the executable's file name.
+    const std::string tessary = dir / "Tessary";
+    fs::copy_file("/bin/sleep", tessary);
+    fs::permissions(tessary, fs::perms(0755));
+    for (int i = 0; i < 2; ++i) {
+        std::string path = tessary;
+        std::string seconds = "300";
+        char* argv[] = {path.data(), seconds.data(), nullptr};
+        pid_t pid = -1;
+        ASSERT_EQ(posix_spawn(&pid, tessary.c_str(), nullptr, nullptr, argv, environ), 0);
+        children.push_back(pid);
+    }
+    runCleanupJob(&TYSupervisor::startKillallTessaryAppsService, kKillallLabel);
+    for (pid_t& pid : children) {
+        int status = 0;
+        ASSERT_TRUE(testing::eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }));
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+        pid = -1;
+    }
+    children.clear();
+    EXPECT_EQ(journal->output(), "");
+}
+
+TEST_F(CleanupJobsTest, JobtoolOutsideTheJobRemovesItAndWaits) {
+    const std::string err = dir / "err";
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {JOBTOOL}, {JOBTOOL, "remove"}, {JOBTOOL, "list", "x"}}) {
+        EXPECT_EQ(runTool(args, err).exitCode, 64) << args.size();
+    }
+    const ToolRun missing = runTool({JOBTOOL, "remove", "com.tessary.test.sleeper"}, err);
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_NE(missing.err.find("not loaded"), std::string::npos) << missing.err;
+
+    const std::string unit = "com.tessary.test.sleeper.service";
+    ASSERT_TRUE(backend
+                    .submitJob(plist::Value(plist::Dictionary{
+                                   {"Label", plist::Value("com.tessary.test.sleeper")},
+                                   {"ProgramArguments", plist::stringArray({"/bin/sleep", "300"})},
+                                   {"RunAtLoad", plist::Value::boolean(true)}}),
+                               auth)
+                    .ok());
+    ASSERT_EQ(manager.activeState(unit), "active");
+    const ToolRun removed = runTool({JOBTOOL, "remove", "com.tessary.test.sleeper"}, err);
+    EXPECT_EQ(removed.exitCode, 0) << removed.err;
+    // Gone by the time it returned.
+    EXPECT_FALSE(manager.loaded(unit));
+    EXPECT_FALSE(fs::exists(std::string(testing::kManagerUnitDirectory) + "/" + unit));
+}
+
+TEST_F(CleanupJobsTest, SyslogWritesTheMessageUnderTheSenderAtTheLevel) {
+    const std::string err = dir / "err";
+    const std::string socket = dir / "log";
+    const UniqueFd log = boundSocket(SOCK_DGRAM, socket);
+    ASSERT_TRUE(log.valid());
+    const ToolRun run =
+        runTool({SYSLOG_COMMAND, "-s", "-k", "Sender", "com.example.sender", "-k", "Level", "3",
+                 "-k", "Other", "ignored", "-k", "Message", "Running /x/a b..."},
+                err, socket);
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    char buf[1024];
+    const ssize_t n = ::recv(log.get(), buf, sizeof buf, MSG_DONTWAIT);
+    ASSERT_GT(n, 0);
+    const std::string line(buf, static_cast<std::size_t>(n));
+    EXPECT_TRUE(line.starts_with("<11>")) << line;  // user facility (1), error (3)
+    EXPECT_NE(line.find(" com.example.sender["), std::string::npos) << line;
+    EXPECT_TRUE(line.ends_with("]: Running /x/a b...")) << line;
+
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {SYSLOG_COMMAND},
+             {SYSLOG_COMMAND, "-k", "Message", "m"},
+             {SYSLOG_COMMAND, "-s", "-k", "Sender", "s"},
+             {SYSLOG_COMMAND, "-s", "-k", "Level", "8", "-k", "Message", "m"},
+             {SYSLOG_COMMAND, "-s", "-k", "Sender"}}) {
+        EXPECT_EQ(runTool(args, err, socket).exitCode, 64) << args.size();
+    }
+    EXPECT_LT(::recv(log.get(), buf, sizeof buf, MSG_DONTWAIT), 0);  // nothing more written
+}
+
+}  // namespace
+}  // namespace tessary::linux_backend
