@@ -148,16 +148,8 @@ class Manager {
   public:
     static Result<Manager> connect(const Paths& paths) {
         const std::string address = busAddressOf(paths.systemdPrivateSocket());
-        sd_bus* raw = nullptr;
-        int r = sd_bus_new(&raw);
-        SdBusPtr bus(raw);
-        if (r >= 0) {
-            r = sd_bus_set_address(raw, address.c_str());
-        }
-        if (r >= 0) {
-            r = sd_bus_start(raw);
-        }
-        if (r < 0) {
+        SdBusPtr bus;
+        if (const int r = openBus(address, false, {}, bus); r < 0) {
             return Error::posix(-r, "Unable to connect to the service manager at " + address);
         }
         return Manager(std::move(bus));

@@ -42,21 +42,8 @@ SdBusMessagePtr property(sd_bus* bus, const char* path, const char* interface, c
 }  // namespace
 
 int connectToBus(const std::string& address, std::chrono::milliseconds limit, SdBusPtr& out) {
-    sd_bus* raw = nullptr;
-    int r = sd_bus_new(&raw);
-    if (r < 0) {
-        return r;
-    }
-    SdBusPtr bus(raw);
-    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(limit).count();
-    if ((r = sd_bus_set_address(bus.get(), address.c_str())) < 0 ||
-        (r = sd_bus_set_bus_client(bus.get(), 1)) < 0 ||
-        (r = sd_bus_set_method_call_timeout(bus.get(), static_cast<std::uint64_t>(micros))) < 0 ||
-        (r = sd_bus_start(bus.get())) < 0) {
-        return r;
-    }
-    out = std::move(bus);
-    return 0;
+    return openBus(address, true, std::chrono::duration_cast<std::chrono::microseconds>(limit),
+                   out);
 }
 
 std::optional<ConsoleUser> findConsoleUser(const std::string& systemBusAddress,

@@ -22,20 +22,7 @@ std::uint64_t timeoutMicroseconds() {
 
 // A client connection to the bus at `address`; 0 or a negative errno.
 int connectTo(const std::string& address, SdBusPtr& out) {
-    sd_bus* raw = nullptr;
-    int r = sd_bus_new(&raw);
-    if (r < 0) {
-        return r;
-    }
-    SdBusPtr bus(raw);
-    if ((r = sd_bus_set_address(bus.get(), address.c_str())) < 0 ||
-        (r = sd_bus_set_bus_client(bus.get(), 1)) < 0 ||
-        (r = sd_bus_set_method_call_timeout(bus.get(), timeoutMicroseconds())) < 0 ||
-        (r = sd_bus_start(bus.get())) < 0) {
-        return r;
-    }
-    out = std::move(bus);
-    return 0;
+    return openBus(address, true, std::chrono::microseconds(timeoutMicroseconds()), out);
 }
 
 // The lock's descriptor from an Inhibit reply; the message owns the one it

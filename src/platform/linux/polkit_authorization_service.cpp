@@ -85,20 +85,8 @@ Result<sd_bus*> PolkitAuthorizationService::connection() {
         return bus_.get();
     }
     bus_.reset();
-    sd_bus* raw = nullptr;
-    int r = sd_bus_new(&raw);
-    if (r < 0) {
-        return Error::posix(-r, "sd_bus_new");
-    }
-    SdBusPtr bus(raw);
-    r = sd_bus_set_address(bus.get(), options_.busAddress.c_str());
-    if (r >= 0) {
-        r = sd_bus_set_bus_client(bus.get(), 1);
-    }
-    if (r >= 0) {
-        r = sd_bus_start(bus.get());
-    }
-    if (r < 0) {
+    SdBusPtr bus;
+    if (const int r = openBus(options_.busAddress, true, {}, bus); r < 0) {
         return Error::posix(-r, "connect to the system bus at " + options_.busAddress);
     }
     bus_ = std::move(bus);

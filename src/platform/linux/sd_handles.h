@@ -3,7 +3,10 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
+#include <chrono>
+#include <cstdint>
 #include <memory>
+#include <string>
 
 namespace tessary::linux_backend {
 
@@ -48,5 +51,29 @@ class SdBusError {
     // What SD_BUS_ERROR_NULL spells as a C compound literal.
     sd_bus_error error_{nullptr, nullptr, 0};
 };
+
+// Opens a connection to the bus at `address`: with `busClient` to a bus
+// daemon (the system bus, a session bus), without it straight to a peer such
+// as the service manager's private socket. A zero `callTimeout` keeps
+// sd-bus's own. 0, or the negative errno of the step that failed.
+inline int openBus(const std::string& address, bool busClient,
+                   std::chrono::microseconds callTimeout, SdBusPtr& out) {
+    sd_bus* raw = nullptr;
+    int r = sd_bus_new(&raw);
+    if (r < 0) {
+        return r;
+    }
+    SdBusPtr bus(raw);
+    if ((r = sd_bus_set_address(raw, address.c_str())) < 0 ||
+        (busClient && (r = sd_bus_set_bus_client(raw, 1)) < 0) ||
+        (callTimeout.count() > 0 &&
+         (r = sd_bus_set_method_call_timeout(
+              raw, static_cast<std::uint64_t>(callTimeout.count()))) < 0) ||
+        (r = sd_bus_start(raw)) < 0) {
+        return r;
+    }
+    out = std::move(bus);
+    return 0;
+}
 
 }  // namespace tessary::linux_backend

@@ -92,16 +92,8 @@ const char* setupStatusName(int status) {
 class ManagerBus {
   public:
     static Result<ManagerBus> connect(const std::string& address) {
-        sd_bus* raw = nullptr;
-        int r = sd_bus_new(&raw);
-        SdBusPtr bus(raw);
-        if (r >= 0) {
-            r = sd_bus_set_address(raw, address.c_str());
-        }
-        if (r >= 0) {
-            r = sd_bus_start(raw);
-        }
-        if (r < 0) {
+        SdBusPtr bus;
+        if (const int r = openBus(address, false, {}, bus); r < 0) {
             return Error::posix(-r, "Unable to connect to the service manager at " + address);
         }
         return ManagerBus(std::move(bus));
