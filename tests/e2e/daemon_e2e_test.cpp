@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <thread>
@@ -24,6 +25,7 @@ using namespace std::chrono_literals;
 using plist::Array;
 using plist::Dictionary;
 using plist::Value;
+namespace fs = std::filesystem;
 
 constexpr const char* kSocket = "/run/com.orvane.tessaryd";
 
@@ -135,6 +137,42 @@ TEST(DaemonEndToEnd, DynamicServicesComeAndGo) {
         for (const Value& l : *list.result->find(key)->array()) {
             EXPECT_NE(l, Value("com.example.dynamic"));
         }
+    }
+}
+
+// Labels that must never become paths or directives: every refusal is clean,
+// nothing is written outside the unit directory, and the daemon stays up.
+TEST(DaemonEndToEnd, HostileLabelsAreRefusedCleanly) {
+    const std::vector<std::string> hostile = {
+        "../../../tmp/tessary-escape",
+        "com.example/slash",
+        "..",
+        "com.example\nExecStartPre=/bin/touch /tmp/tessary-escape2",
+        std::string(10000, 'a'),
+        "com.example bad name",
+        ""};
+    for (const std::string& label : hostile) {
+        const Value definition(Dictionary{{"Label", Value(label)},
+                                          {"ProgramArguments", labels({"/bin/sleep", "1000"})},
+                                          {"RunAtLoad", Value::boolean(true)}});
+        const auto created = ask("create", {{"serviceDictionary", definition}});
+        if (created.returnCode == 0) {
+            EXPECT_EQ(ask("enable", {{"service", Value(label)}}).returnCode, 0);
+            EXPECT_EQ(ask("programArguments",
+                          {{"service", Value(label)}, {"programArguments", labels({"/bin/true"})}})
+                          .returnCode,
+                      0);
+            EXPECT_EQ(ask("destroy", {{"service", Value(label)}}).returnCode, 0);
+        }
+        ASSERT_EQ(ask("status", {}, false).returnCode, 0) << "the daemon stopped answering";
+    }
+    EXPECT_FALSE(fs::exists("/tmp/tessary-escape.service"));
+    EXPECT_FALSE(fs::exists("/tmp/tessary-escape"));
+    EXPECT_FALSE(fs::exists("/tmp/tessary-escape2"));
+    for (const auto& entry : fs::directory_iterator("/run/systemd/system")) {
+        const std::string name = entry.path().filename().string();
+        EXPECT_EQ(name.find("tessary-escape"), std::string::npos) << name;
+        EXPECT_EQ(name.find("aaaaaaaaaa"), std::string::npos) << name;
     }
 }
 

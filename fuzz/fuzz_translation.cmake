@@ -1,0 +1,2 @@
+tessary_fuzzer(fuzz_translation tessary_systemd)
+target_include_directories(fuzz_translation PRIVATE ${PROJECT_SOURCE_DIR}/tests)
