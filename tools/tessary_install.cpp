@@ -124,30 +124,12 @@ bool managerIsRunning(const Paths& paths) {
     return ::stat(paths.systemdPrivateSocket().c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
 }
 
-// The D-Bus address of a socket path: bytes other than the few that may stand
-// as they are %-escaped.
-std::string busAddressOf(const std::string& socketPath) {
-    std::string out = "unix:path=";
-    for (const char ch : socketPath) {
-        const auto c = static_cast<unsigned char>(ch);
-        if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-            std::strchr("-_/.\\*", c) != nullptr) {
-            out += ch;
-        } else {
-            char buf[4];
-            (void)std::snprintf(buf, sizeof buf, "%%%02x", c);
-            out += buf;
-        }
-    }
-    return out;
-}
-
 // The two manager calls the backend has no operation for: Reload, which
 // re-runs the generators, and a restart of a loaded unit.
 class Manager {
   public:
     static Result<Manager> connect(const Paths& paths) {
-        const std::string address = busAddressOf(paths.systemdPrivateSocket());
+        const std::string address = busAddressFor(paths.systemdPrivateSocket());
         SdBusPtr bus;
         if (const int r = openBus(address, false, {}, bus); r < 0) {
             return Error::posix(-r, "Unable to connect to the service manager at " + address);

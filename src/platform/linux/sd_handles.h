@@ -5,6 +5,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -51,6 +53,28 @@ class SdBusError {
     // What SD_BUS_ERROR_NULL spells as a C compound literal.
     sd_bus_error error_{nullptr, nullptr, 0};
 };
+
+// A D-Bus address for `address`: a socket path (beginning with "/") becomes
+// "unix:path=" with every byte outside the few that may stand as they are
+// %-escaped; anything else is taken to be an address already.
+inline std::string busAddressFor(const std::string& address) {
+    if (address.empty() || address.front() != '/') {
+        return address;
+    }
+    std::string out = "unix:path=";
+    for (const char ch : address) {
+        const auto c = static_cast<unsigned char>(ch);
+        if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+            std::strchr("-_/.\\*", c) != nullptr) {
+            out += ch;
+        } else {
+            char buf[4];
+            (void)std::snprintf(buf, sizeof buf, "%%%02x", c);
+            out += buf;
+        }
+    }
+    return out;
+}
 
 // Opens a connection to the bus at `address`: with `busClient` to a bus
 // daemon (the system bus, a session bus), without it straight to a peer such

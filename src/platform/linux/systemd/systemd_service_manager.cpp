@@ -42,27 +42,6 @@ Error busFailure(const std::string& what, int r, const SdBusError& error) {
     return Error{std::move(domain), -r, std::move(text)};
 }
 
-// A D-Bus address for a socket path: every byte outside the few that may
-// stand as they are is %-escaped.
-std::string addressFor(const std::string& busAddress) {
-    if (busAddress.empty() || busAddress.front() != '/') {
-        return busAddress;
-    }
-    std::string out = "unix:path=";
-    for (const char ch : busAddress) {
-        const auto c = static_cast<unsigned char>(ch);
-        if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-            std::strchr("-_/.\\*", c) != nullptr) {
-            out += ch;
-        } else {
-            char buf[4];
-            std::snprintf(buf, sizeof buf, "%%%02x", c);
-            out += buf;
-        }
-    }
-    return out;
-}
-
 // Exit statuses systemd itself uses when it cannot set up or execute a
 // process; the ones a job is likely to hit.
 const char* setupStatusName(int status) {
@@ -495,7 +474,7 @@ class SystemdServiceManager::LabelGuard {
 };
 
 SystemdServiceManager::SystemdServiceManager(SystemdServiceManagerOptions options, SystemLog& log)
-    : options_(std::move(options)), address_(addressFor(options_.busAddress)), log_(log) {}
+    : options_(std::move(options)), address_(busAddressFor(options_.busAddress)), log_(log) {}
 
 Status SystemdServiceManager::submitJob(const plist::Value& job,
                                         const AuthorizationRef& authorization) {
