@@ -13,7 +13,8 @@
 # project's polkit action installed and a rule that lets the user "daemon"
 # hold it; the app bundle from BUNDLE_DIR at /Applications/Tessary.app with
 # DAEMON inside it and installed at /Library/PrivilegedHelperTools. The daemon
-# runs until COMMAND ends; its standard error goes to /run/tessaryd.log.
+# runs until COMMAND ends; its standard error goes to /run/tessaryd.log, and
+# as a plain child its pid is in TESSARYD_PID.
 set -euo pipefail
 
 as_service=0
@@ -59,6 +60,7 @@ UNIT
 else
     /Library/PrivilegedHelperTools/com.orvane.tessaryd 2>/run/tessaryd.log &
     daemon_pid=$!
+    export TESSARYD_PID=$daemon_pid
 fi
 sandbox_wait_for_daemon || sandbox_fail "tessaryd opened no socket: $(cat /run/tessaryd.log 2>/dev/null)"
 

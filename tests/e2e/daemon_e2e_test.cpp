@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "client/tessary_client.h"
+#include "plist/codec.h"
 #include "support/value_printer.h"
 
 namespace tessary {
@@ -191,22 +192,6 @@ int asUser(uid_t uid, gid_t gid, const std::function<int()>& body) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 99;
 }
 
-int replyCode(const std::string& command) {
-    client::Request request;
-    request.command = command;
-    request.authorizationForm = client::makeAuthorizationForm().value();
-    auto reply = client::sendRequest(kSocket, request, 20s);
-    return reply.ok() ? static_cast<int>(reply.value().returnCode) : 50;
-}
-
-TEST(DaemonEndToEnd, PolkitDecidesForOtherUsers) {
-    // nobody: "status" is open to all, "list" is refused.
-    EXPECT_EQ(asUser(65534, 65534, [] { return replyCode("status"); }), 0);
-    EXPECT_EQ(asUser(65534, 65534, [] { return replyCode("list"); }), 1);
-    // A rule lets the user "daemon" (uid 1) hold the right.
-    EXPECT_EQ(asUser(1, 1, [] { return replyCode("list"); }), 0);
-}
-
 // A raw connection, to send what the client library would never send.
 class RawConnection {
   public:
@@ -244,23 +229,146 @@ class RawConnection {
     bool connected_ = false;
 };
 
-TEST(DaemonEndToEnd, ForgedFormsAndMalformedDatagramsStayWithTheirSender) {
-    RawConnection forger;
-    ASSERT_TRUE(forger.connected());
-    // A form that names another process (pid 1) is dropped: no reply.
-    AuthorizationExternalForm form = client::makeAuthorizationForm().value();
-    const std::uint32_t initPid = 1;
-    std::memcpy(form.data() + 8, &initPid, sizeof initPid);
-    client::Request forged{"list", form, std::nullopt};
-    ASSERT_TRUE(forger.send(client::encodeRequest(forged).value()));
-    EXPECT_FALSE(forger.receive(1500ms).has_value());
-    // The connection still serves honest requests.
-    ASSERT_TRUE(forger.send(client::encodeRequest({"status", std::nullopt, std::nullopt}).value()));
-    auto answered = forger.receive(5s);
-    ASSERT_TRUE(answered && !answered->empty());
-    EXPECT_EQ(client::decodeReply(*answered).value().returnCode, 0);
+// Who asks, and with what authorization form.
+enum class Caller {
+    NoForm,       // root, without a form
+    ShortForm,    // root, a 31-byte form
+    LongForm,     // root, a 33-byte form
+    OthersForm,   // root, a form that names another process (pid 1)
+    Refused,      // nobody (65534): polkit says no
+    RuleAllowed,  // daemon (1): a polkit rule says yes
+    Root,         // root with its own form
+};
 
-    // Garbage closes its own connection and nothing else.
+bool mayRun(Caller c) {
+    return c == Caller::RuleAllowed || c == Caller::Root;
+}
+
+plist::Bytes datagram(Caller caller, const std::string& command, const Dictionary& arguments) {
+    Dictionary fields{{"commandString", Value(command)}};
+    const AuthorizationExternalForm own = client::makeAuthorizationForm().value();
+    plist::Bytes form(own.begin(), own.end());
+    if (caller == Caller::ShortForm) {
+        form.pop_back();
+    } else if (caller == Caller::LongForm) {
+        form.push_back(0);
+    } else if (caller == Caller::OthersForm) {
+        const std::uint32_t initPid = 1;
+        std::memcpy(form.data() + 8, &initPid, sizeof initPid);
+    }
+    if (caller != Caller::NoForm) {
+        fields.emplace("authorizationExternalFormData", Value::data(std::move(form)));
+    }
+    if (!arguments.empty()) {
+        fields.emplace("argumentsData",
+                       Value::data(plist::encode(Value(arguments), plist::Format::Binary).value()));
+    }
+    return plist::encode(Value(std::move(fields)), plist::Format::Binary).value();
+}
+
+// Every admin command, each with arguments it succeeds with when it runs.
+// Those that would end or demote this daemon run for the callers with the
+// right only in the lifecycle tests.
+struct AdminCommand {
+    const char* name;
+    Dictionary arguments;
+    bool harmless;
+};
+
+std::vector<AdminCommand> adminCommands() {
+    const Value service("com.example.idle");
+    const Value matrix("com.example.matrix");
+    return {
+        {"list", {}, true},
+        {"enable", {{"service", service}}, true},
+        {"disable", {{"service", service}}, true},
+        {"reset", {{"service", service}}, true},
+        {"programArguments", {{"service", service}}, true},
+        {"sockets", {{"service", service}}, true},
+        {"startCalendarIntervals", {{"service", service}}, true},
+        {"create",
+         {{"serviceDictionary",
+           Value(Dictionary{{"Label", matrix}, {"ProgramArguments", labels({"/bin/true"})}})}},
+         true},
+        {"destroy", {{"service", matrix}}, true},
+        {"restoreServices", {}, true},
+        {"endPromotion", {}, false},
+        {"beginPromotion", {}, false},
+        {"demote", {}, false},
+    };
+}
+
+// Sends every admin command as `caller`, each followed by a "status" on the
+// same connection; the number of answers that were not what `caller` is owed.
+int matrixMismatches(Caller caller) {
+    int mismatches = 0;
+    auto expect = [&mismatches](bool ok, const std::string& what) {
+        if (!ok) {
+            std::fprintf(stderr, "authorization matrix: %s\n", what.c_str());
+            ++mismatches;
+        }
+    };
+    RawConnection connection;
+    expect(connection.connected(), "cannot connect");
+    const plist::Bytes status = datagram(Caller::NoForm, "status", {});
+    for (const AdminCommand& command : adminCommands()) {
+        if (mayRun(caller) && !command.harmless) {
+            continue;
+        }
+        const std::string name = command.name;
+        expect(connection.send(datagram(caller, name, command.arguments)), name + ": not sent");
+        expect(connection.send(status), name + ": status not sent");
+        std::optional<client::Reply> first;
+        if (auto bytes = connection.receive(20s); bytes && !bytes->empty()) {
+            auto reply = client::decodeReply(*bytes);
+            first = reply.ok() ? std::optional(reply.value()) : std::nullopt;
+        }
+        expect(first.has_value(), name + ": no answer at all");
+        if (!first) {
+            return mismatches;
+        }
+        const bool isStatus = first->result && first->result->find("status") != nullptr;
+        switch (caller) {
+            case Caller::ShortForm:
+            case Caller::LongForm:
+            case Caller::OthersForm:
+                // Dropped unanswered: the status is the first answer.
+                expect(isStatus, name + ": a malformed request was answered");
+                continue;
+            case Caller::NoForm:
+            case Caller::Refused:
+                expect(!isStatus && first->returnCode == 1 && !first->result,
+                       name + ": not refused");
+                break;
+            case Caller::RuleAllowed:
+            case Caller::Root:
+                expect(!isStatus && first->returnCode == 0, name + ": did not run");
+                break;
+        }
+        auto second = connection.receive(20s);
+        expect(second && !second->empty() && client::decodeReply(*second).value().returnCode == 0,
+               name + ": status after it refused");
+    }
+    return mismatches;
+}
+
+TEST(DaemonEndToEnd, OnlyHoldersOfTheRightRunAdminCommandsAndStatusRunsForAll) {
+    const std::string prefsBefore = readAll("/Library/Tessary/Setup/com.orvane.tessaryd.plist");
+    for (Caller caller :
+         {Caller::NoForm, Caller::ShortForm, Caller::LongForm, Caller::OthersForm}) {
+        EXPECT_EQ(matrixMismatches(caller), 0) << static_cast<int>(caller);
+    }
+    EXPECT_EQ(asUser(65534, 65534, [] { return matrixMismatches(Caller::Refused); }), 0);
+    // Nothing of what was refused happened: no switch, no new service, no
+    // promotion, no demotion.
+    EXPECT_EQ(readAll("/Library/Tessary/Setup/com.orvane.tessaryd.plist"), prefsBefore);
+    EXPECT_EQ(ask("status", {}, false).returnCode, 0);
+
+    EXPECT_EQ(asUser(1, 1, [] { return matrixMismatches(Caller::RuleAllowed); }), 0);
+    EXPECT_EQ(matrixMismatches(Caller::Root), 0);
+}
+
+TEST(DaemonEndToEnd, GarbageClosesOnlyItsOwnConnection) {
     RawConnection bystander;
     RawConnection vandal;
     ASSERT_TRUE(vandal.send({'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'}));

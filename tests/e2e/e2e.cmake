@@ -28,3 +28,15 @@ add_test(NAME e2e.lifecycle
           ${PROJECT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy --
           $<TARGET_FILE:tessary_lifecycle_e2e_tests>)
 set_tests_properties(e2e.lifecycle PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT 300)
+
+# Sixteen clients at once, and the daemon killed under load.
+add_executable(tessary_load_client ${CMAKE_CURRENT_SOURCE_DIR}/e2e/load_client.cpp)
+target_link_libraries(tessary_load_client PRIVATE tessary_client Threads::Threads)
+
+add_test(NAME e2e.load
+  COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/systemd/with-systemd.sh --private-run --
+          bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/daemon-sandbox.sh
+          $<TARGET_FILE:tessaryd> ${CMAKE_CURRENT_SOURCE_DIR}/e2e/app
+          ${PROJECT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy --
+          bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/load.sh $<TARGET_FILE:tessary_load_client>)
+set_tests_properties(e2e.load PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT 1200)
