@@ -1,17 +1,11 @@
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstring>
-#include <filesystem>
-#include <thread>
 
 #include "platform/linux/peer_identity.h"
 #include "platform/linux/polkit_authorization_service.h"
 #include "platform/linux/proc_code_signing_service.h"
-#include "support/temp_dir.h"
+#include "support/process.h"
 
 namespace tessary::linux_backend {
 namespace {
@@ -22,13 +16,7 @@ using Polkit = PolkitAuthorizationService;
 // A child process, killed and reaped when the test is done with it.
 struct Child {
     pid_t pid = ::fork();
-    ~Child() { stop(SIGKILL); }
-    void stop(int signal) {
-        if (pid > 0 && ::kill(pid, signal) == 0) {
-            ::waitpid(pid, nullptr, 0);
-        }
-        pid = -1;
-    }
+    ~Child() { testing::stopProcess(pid, SIGKILL); }
 };
 
 // Without polkit only root holds the right: asked over no bus at all, over a
@@ -76,21 +64,13 @@ TEST(FailClosedTest, OnlyRootHoldsTheRightWithoutPolkit) {
         GTEST_SKIP() << "no dbus-daemon for the part with a bus";
     }
     const std::string socket = dir / "bus";
-    const std::string address = "--address=unix:path=" + socket;
-    Child bus;
-    if (bus.pid == 0) {
-        ::execl("/usr/bin/dbus-daemon", "dbus-daemon", "--session", "--nofork", "--nopidfile",
-                address.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    for (int i = 0; i < 500 && !std::filesystem::exists(socket); ++i) {
-        std::this_thread::sleep_for(10ms);
-    }
+    pid_t bus = -1;
+    ASSERT_TRUE(testing::startBusDaemon(bus, socket));
     Polkit polkit({"unix:path=" + socket, "com.orvane.tessaryd.admin", 2s});
     const auto start = std::chrono::steady_clock::now();
     expectOnlyRoot(polkit, "bus without polkit");
     EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
-    bus.stop(SIGTERM);
+    testing::stopProcess(bus);
     expectOnlyRoot(polkit, "bus gone");  // the cached connection fails
 }
 

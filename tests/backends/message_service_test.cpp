@@ -197,42 +197,6 @@ TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
     EXPECT_EQ(events.size(), cases.size() + 1);
 }
 
-// A process of another uid: its own form is honoured and names it in the
-// token; a form claiming root is not.
-TEST_F(MessageServiceTest, AnotherUsersFormBindsToThatUser) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "needs root to change uid";
-    }
-    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        if (::setresgid(kNobody, kNobody, kNobody) != 0 ||
-            ::setresuid(kNobody, kNobody, kNobody) != 0) {
-            ::_exit(1);
-        }
-        UniqueFd fd = connectTo(path);
-        const FormIdentity id = linux_backend::ownFormIdentity().value();
-        for (std::uint32_t uid : {id.uid, 0U}) {
-            (void)send(
-                fd.get(),
-                binary({{UnixMessageService::kFormKey, formValue({id.pid, uid, id.startTime})}}));
-        }
-        ::_exit(0);
-    }
-    const auto childStart = linux_backend::processStartTime(child).value();
-    const Value own = formValue({static_cast<std::uint32_t>(child), kNobody, childStart});
-    EXPECT_EQ(fieldsOf(0), Value(Dictionary{{UnixMessageService::kFormKey, own}}));
-    EXPECT_EQ(fieldsOf(1), Value(Dictionary{{UnixMessageService::kFormKey, Value::data({})}}));
-    EXPECT_EQ(linux_backend::decodeAuditToken(event(0).message->auditToken),
-              (linux_backend::AuditTokenWords{procNumber("/proc/self/loginuid"), kNobody, kNobody,
-                                              kNobody, kNobody, static_cast<std::uint32_t>(child),
-                                              procNumber("/proc/self/sessionid"),
-                                              static_cast<std::uint32_t>(childStart)}));
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-}
-
 // A client gone before its request is read: the request still arrives, then
 // the end, once.
 TEST_F(MessageServiceTest, HangUpEndsTheConnectionExactlyOnce) {

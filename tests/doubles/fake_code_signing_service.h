@@ -17,7 +17,6 @@ class FakeCodeSigningService final : public CodeSigningService {
     struct Requirement final : CodeRequirement {};
 
     Guest copyGuestWithAuditAttribute(const AuditAttribute& attribute) override {
-        ++guestCalls;
         if (!resolves) {
             return {-67068, nullptr};
         }
@@ -40,7 +39,6 @@ class FakeCodeSigningService final : public CodeSigningService {
 
     bool resolves = true;
     bool valid = true;
-    int guestCalls = 0;
     std::int32_t lastPid = 0;
 };
 

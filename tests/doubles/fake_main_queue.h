@@ -11,7 +11,7 @@ namespace tessary::testing {
 // A main queue on virtual time. Posted work runs when the test says so;
 // `advance` moves the clock and fires the timers that fall due, in deadline
 // order, with the posted work they cause run in between. Descriptor watches
-// fire only through `fireDescriptor`.
+// never fire: nothing on the doubles has a descriptor.
 class FakeMainQueue final : public MainQueue {
   public:
     void post(std::function<void()> work) override { posted_.push_back(std::move(work)); }
@@ -19,15 +19,12 @@ class FakeMainQueue final : public MainQueue {
     QueueSourcePtr after(Duration delay, std::function<void()> fire) override {
         const std::uint64_t id = nextId_++;
         timers_.emplace(std::make_pair(now_ + delay, id), std::move(fire));
-        return std::make_unique<Source>(this, id, false);
+        return std::make_unique<Source>(this, id);
     }
 
-    QueueSourcePtr watch(int fd, std::uint32_t events,
-                         std::function<void(std::uint32_t)> ready) override {
-        const std::uint64_t id = nextId_++;
-        watches_[id] = Watch{
-            fd, events, std::make_shared<std::function<void(std::uint32_t)>>(std::move(ready))};
-        return std::make_unique<Source>(this, id, true);
+    QueueSourcePtr watch(int /*fd*/, std::uint32_t /*events*/,
+                         std::function<void(std::uint32_t)> /*ready*/) override {
+        return std::make_unique<Source>(this, 0);
     }
 
     Duration now() const override { return now_; }
@@ -55,38 +52,14 @@ class FakeMainQueue final : public MainQueue {
         now_ = until;
     }
 
-    // Calls every watch of `fd` whose events intersect `events`.
-    void fireDescriptor(int fd, std::uint32_t events) {
-        std::vector<std::shared_ptr<std::function<void(std::uint32_t)>>> due;
-        for (auto& [id, w] : watches_) {
-            if (w.fd == fd && (w.events & events) != 0) {
-                due.push_back(w.ready);
-            }
-        }
-        for (auto& f : due) {
-            (*f)(events);
-        }
-    }
-
     std::size_t pendingTimers() const { return timers_.size(); }
     std::size_t pendingWork() const { return posted_.size(); }
-    std::size_t watchCount() const { return watches_.size(); }
 
   private:
-    struct Watch {
-        int fd;
-        std::uint32_t events;
-        std::shared_ptr<std::function<void(std::uint32_t)>> ready;
-    };
     class Source final : public QueueSource {
       public:
-        Source(FakeMainQueue* q, std::uint64_t id, bool isWatch)
-            : q_(q), id_(id), watch_(isWatch) {}
+        Source(FakeMainQueue* q, std::uint64_t id) : q_(q), id_(id) {}
         ~Source() override {
-            if (watch_) {
-                q_->watches_.erase(id_);
-                return;
-            }
             for (auto it = q_->timers_.begin(); it != q_->timers_.end(); ++it) {
                 if (it->first.second == id_) {
                     q_->timers_.erase(it);
@@ -100,14 +73,12 @@ class FakeMainQueue final : public MainQueue {
       private:
         FakeMainQueue* q_;
         std::uint64_t id_;
-        bool watch_;
     };
 
     Duration now_{0};
     std::uint64_t nextId_ = 1;
     std::deque<std::function<void()>> posted_;
     std::map<std::pair<Duration, std::uint64_t>, std::function<void()>> timers_;
-    std::map<std::uint64_t, Watch> watches_;
 };
 
 }  // namespace tessary::testing

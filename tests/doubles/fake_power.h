@@ -13,10 +13,6 @@ namespace tessary::testing {
 class FakePowerAssertions final : public PowerAssertionService {
   public:
     int createAssertion(const plist::Value& properties, std::uint32_t& id) override {
-        ++createCalls;
-        if (failCreate) {
-            return -1;
-        }
         id = nextId_++;
         held[id] = properties;
         return 0;
@@ -28,8 +24,6 @@ class FakePowerAssertions final : public PowerAssertionService {
 
     std::map<std::uint32_t, plist::Value> held;
     std::vector<std::uint32_t> released;
-    int createCalls = 0;
-    bool failCreate = false;
 
   private:
     std::uint32_t nextId_ = 1;
@@ -39,7 +33,6 @@ class FakePowerAssertions final : public PowerAssertionService {
 class FakeSystemPowerNotifier final : public SystemPowerNotifier {
   public:
     Registration registerForSystemPower(Callback callback) override {
-        ++registerCalls;
         if (refuse) {
             return {};
         }
@@ -63,7 +56,6 @@ class FakeSystemPowerNotifier final : public SystemPowerNotifier {
     }
 
     bool refuse = false;
-    int registerCalls = 0;
     std::uint32_t dispatchPort = 0;
     std::vector<std::uint32_t> deregistered, destroyedPorts, closed;
     std::vector<std::pair<std::uint32_t, std::intptr_t>> allowed;

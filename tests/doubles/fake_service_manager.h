@@ -14,8 +14,8 @@ namespace tessary::testing {
 
 // A service manager that holds jobs: which labels are loaded, the dictionary
 // each was submitted with, and how often it was asked what. It can be told to
-// refuse a submit or a removal, or to take its time removing. Safe to call
-// from several threads at once, as the stop of all services does.
+// refuse a submit, or to take its time removing. Safe to call from several
+// threads at once, as the stop of all services does.
 class FakeServiceManager final : public ServiceManagerClient {
   public:
     Status submitJob(const plist::Value& job, const AuthorizationRef& /*authorization*/) override {
@@ -43,19 +43,11 @@ class FakeServiceManager final : public ServiceManagerClient {
             removed_.emplace_back(label);
             lastRemoveWaited_ = wait;
             delay = removeDelay_;
-        }
-        {
-            std::lock_guard lock(mutex_);
             mostRemovesInFlight_ = std::max(mostRemovesInFlight_, ++removesInFlight_);
         }
-        if (delay.count() > 0) {
-            std::this_thread::sleep_for(delay);
-        }
+        std::this_thread::sleep_for(delay);
         std::lock_guard lock(mutex_);
         --removesInFlight_;
-        if (auto it = removeFailures_.find(std::string(label)); it != removeFailures_.end()) {
-            return Error{"ServiceManager", 1, it->second};
-        }
         if (loaded_.erase(std::string(label)) == 0) {
             return Error{"ServiceManager", 3, "No such job: " + std::string(label)};
         }
@@ -73,17 +65,9 @@ class FakeServiceManager final : public ServiceManagerClient {
         std::lock_guard lock(mutex_);
         loaded_.insert_or_assign(label, std::move(job));
     }
-    void unload(const std::string& label) {
-        std::lock_guard lock(mutex_);
-        loaded_.erase(label);
-    }
     void failSubmit(const std::string& label, std::string text) {
         std::lock_guard lock(mutex_);
         submitFailures_[label] = std::move(text);
-    }
-    void failRemove(const std::string& label, std::string text) {
-        std::lock_guard lock(mutex_);
-        removeFailures_[label] = std::move(text);
     }
     void setRemoveDelay(std::chrono::milliseconds d) {
         std::lock_guard lock(mutex_);
@@ -147,7 +131,6 @@ class FakeServiceManager final : public ServiceManagerClient {
     mutable std::mutex mutex_;
     std::map<std::string, plist::Value> loaded_;
     std::map<std::string, std::string> submitFailures_;
-    std::map<std::string, std::string> removeFailures_;
     std::chrono::milliseconds removeDelay_{0};
     std::vector<std::string> submitted_;
     std::vector<std::string> removed_;

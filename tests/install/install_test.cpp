@@ -1,20 +1,15 @@
 // tessary-install on a temporary root (without a service manager: --no-start,
 // and an uninstall that finds none) and tessaryd-generator into a temporary
 // directory. The package test runs both against a real systemd.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "support/temp_dir.h"
-
-extern char** environ;
+#include "support/process.h"
 
 namespace tessary {
 namespace {
@@ -23,35 +18,6 @@ namespace fs = std::filesystem;
 using testing::readFile;
 using testing::TempDir;
 using testing::writeFile;
-
-struct CommandRun {
-    int exitCode = -1;
-    std::string err;
-};
-
-// Runs `args` with standard error captured.
-CommandRun run(std::vector<std::string> args) {
-    TempDir dir;
-    const std::string err = dir / "stderr";
-    std::vector<char*> argv;
-    for (auto& a : args) {
-        argv.push_back(a.data());
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
-    CommandRun result;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
-        int status = 0;
-        ::waitpid(pid, &status, 0);
-        result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    result.err = readFile(err);
-    return result;
-}
 
 unsigned modeOf(const std::string& path) {
     struct stat st {};
@@ -79,19 +45,20 @@ TEST(GeneratorTest, MakesTheDaemonsUnitFromAUsableJobDefinitionFileOnly) {
     fs::create_directory(out);
 
     // Not installed, or demoted: a boot like any other.
-    CommandRun r = run({TESSARYD_GENERATOR, "--root", root.path(), out});
-    EXPECT_EQ(r.exitCode, 0) << r.err;
+    testing::ProcessRun r = testing::runProcess({TESSARYD_GENERATOR, "--root", root.path(), out});
+    EXPECT_EQ(r.exitCode, 0) << r.output;
     EXPECT_TRUE(entriesOf(out).empty());
 
     writeFile(root / kJobDefinition, "<plist><dict><key>Label</key>");
-    r = run({TESSARYD_GENERATOR, "--root", root.path(), out});
+    r = testing::runProcess({TESSARYD_GENERATOR, "--root", root.path(), out});
     EXPECT_EQ(r.exitCode, 1);
-    EXPECT_NE(r.err.find(kJobDefinition), std::string::npos) << r.err;
+    EXPECT_NE(r.output.find(kJobDefinition), std::string::npos) << r.output;
     EXPECT_TRUE(entriesOf(out).empty());
 
     writeFile(root / kJobDefinition, readFile(JOB_PLIST));
-    r = run({TESSARYD_GENERATOR, "--root", root.path(), out, out + ".early", out + ".late"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
+    r = testing::runProcess(
+        {TESSARYD_GENERATOR, "--root", root.path(), out, out + ".early", out + ".late"});
+    ASSERT_EQ(r.exitCode, 0) << r.output;
     EXPECT_EQ(entriesOf(out),
               (std::vector<std::string>{"com.orvane.tessaryd.service", "multi-user.target.wants"}));
     const std::string unit = readFile(out + "/com.orvane.tessaryd.service");
@@ -111,17 +78,17 @@ class InstallTest : public ::testing::Test {
         fs::copy(APP_BUNDLE, root / "Applications/Tessary.app", fs::copy_options::recursive);
     }
 
-    CommandRun tessaryInstall(std::vector<std::string> args) {
+    testing::ProcessRun tessaryInstall(std::vector<std::string> args) {
         args.insert(args.begin(), {TESSARY_INSTALL, "--root", root.path()});
-        return run(std::move(args));
+        return testing::runProcess(args);
     }
 
     TempDir root;
 };
 
 TEST_F(InstallTest, PutsTheDaemonItsJobDefinitionAndThePolkitActionInPlace) {
-    const CommandRun r = tessaryInstall({"--no-start"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const testing::ProcessRun r = tessaryInstall({"--no-start"});
+    ASSERT_EQ(r.exitCode, 0) << r.output;
 
     EXPECT_EQ(readFile(root / kInstalledDaemon),
               readFile(root / "Applications/Tessary.app" + kDaemonCopy));
@@ -149,8 +116,8 @@ TEST_F(InstallTest, UninstallRemovesTheDaemonsFilesAndKeepsThePreferences) {
     writeFile(root / "Library/Application Support/Orvane/Tessary/AppIcon.icns", "icon");
     writeFile(root / "Library/Tessary/Setup/com.orvane.tessaryd.plist", "preferences");
 
-    const CommandRun r = tessaryInstall({"--uninstall"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const testing::ProcessRun r = tessaryInstall({"--uninstall"});
+    ASSERT_EQ(r.exitCode, 0) << r.output;
 
     EXPECT_EQ(entriesOf(root / "Library"), std::vector<std::string>{"Tessary"});
     EXPECT_EQ(readFile(root / "Library/Tessary/Setup/com.orvane.tessaryd.plist"), "preferences");
@@ -161,10 +128,10 @@ TEST_F(InstallTest, UninstallRemovesTheDaemonsFilesAndKeepsThePreferences) {
 TEST_F(InstallTest, RefusesADaemonWithoutAJobDefinitionAndWritesNothing) {
     const std::string bundle = root / "Applications/Tessary.app";
     fs::copy_file("/bin/true", bundle + kDaemonCopy, fs::copy_options::overwrite_existing);
-    const CommandRun r = tessaryInstall({"--no-start"});
+    const testing::ProcessRun r = tessaryInstall({"--no-start"});
     EXPECT_EQ(r.exitCode, 1);
-    EXPECT_NE(r.err.find("No job definition in"), std::string::npos) << r.err;
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_NE(r.output.find("No job definition in"), std::string::npos) << r.output;
+    EXPECT_EQ(std::count(r.output.begin(), r.output.end(), '\n'), 1) << r.output;
     EXPECT_FALSE(fs::exists(root / "Library"));
 }
 

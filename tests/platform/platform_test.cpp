@@ -4,10 +4,8 @@
 #include <unistd.h>
 
 #include "base/unique_fd.h"
-#include "doubles/fake_main_queue.h"
 #include "platform/linux/posix_file_operations.h"
 #include "platform/linux/sd_event_queue.h"
-#include "platform/paths.h"
 #include "platform/system_log.h"
 #include "support/temp_dir.h"
 
@@ -31,13 +29,6 @@ TEST(LogFormat, ExpandsEachConversionOnce) {
         "WARNING: Failed to notify user of incompatible tessary version.: 3");
     EXPECT_EQ(formatLogLine("%@ and %@", {"100%d", "x"}), "100%d and x");
     EXPECT_EQ(formatLogLine("100%% %@ %@", {"only"}), "100% only %@");
-}
-
-TEST(Paths, ResolveUnderTheirRoot) {
-    EXPECT_EQ(Paths("/").preferencesFile(), "/Library/Tessary/Setup/com.orvane.tessaryd.plist");
-    EXPECT_EQ(Paths("/tmp/r/").setupDoneMarker(), "/tmp/r/var/db/.TessarySetupDone");
-    EXPECT_EQ(Paths("/tmp/r").builtInDefinitions(),
-              "/tmp/r/Applications/Tessary.app/Contents/TessaryRoot/System/Library/LaunchDaemons");
 }
 
 // The real loop: posted work in order, work posted by work on a later turn,
@@ -79,21 +70,6 @@ TEST(SdEventQueue, RunsWorkTimersAndDescriptorsInOrder) {
     EXPECT_EQ(queue.run(), 7);
     EXPECT_EQ(order, (std::vector<std::string>{"post 0", "post 1", "post 2", "posted by post 0",
                                                "timer 5ms", "readable", "timer 20ms"}));
-}
-
-TEST(FakeMainQueue, AdvancesVirtualTime) {
-    testing::FakeMainQueue queue;
-    std::vector<int> fired;
-    auto a = queue.after(5s, [&] { fired.push_back(5); });
-    auto b = queue.after(2s, [&] {
-        fired.push_back(2);
-        queue.post([&] { fired.push_back(3); });
-    });
-    queue.advance(4999ms);
-    EXPECT_EQ(fired, (std::vector<int>{2, 3}));
-    queue.advance(1ms);
-    EXPECT_EQ(fired, (std::vector<int>{2, 3, 5}));
-    EXPECT_EQ(queue.now(), 5s);
 }
 
 TEST(PosixFileOperations, WritesAtomicallyAndReportsErrors) {

@@ -21,9 +21,11 @@
 namespace tessary::testing {
 
 // Every role as a double, on a temporary root that has the directories a
-// real installation has.
+// real installation has. With `manager` the supervisor uses that service
+// manager (a real one) instead of the double.
 struct TestPlatform {
-    TestPlatform() : paths(root.path()) {
+    explicit TestPlatform(ServiceManagerClient* manager = nullptr)
+        : paths(root.path()), usedServiceManager(manager != nullptr ? *manager : serviceManager) {
         std::filesystem::create_directories(paths.setupDirectory());
         std::filesystem::create_directories(paths.builtInDefinitions());
         std::filesystem::create_directories(
@@ -57,13 +59,14 @@ struct TestPlatform {
     FakeRunningApplications runningApplications;
     FakeFileEvents fileEvents;
     FakeFileCoordination fileCoordination;
+    ServiceManagerClient& usedServiceManager;
 
     Platform platform{paths,
                       log,
                       queue,
                       process,
                       files,
-                      serviceManager,
+                      usedServiceManager,
                       authorization,
                       codeSigning,
                       messages,

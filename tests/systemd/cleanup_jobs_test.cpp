@@ -7,17 +7,13 @@
 // Needs root, a private systemd (tests/systemd/with-systemd.sh) and a private
 // tmpfs over /Library (tests/systemd/with-private-library.sh), since the
 // uninstall script names /Library/Tessary/.UninstallExtras.
-#include <fcntl.h>
 #include <linux/magic.h>
 #include <poll.h>
 #include <sched.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/statfs.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
@@ -30,10 +26,9 @@
 #include "daemon/supervisor.h"
 #include "platform/linux/sd_handles.h"
 #include "platform/linux/systemd/systemd_service_manager.h"
+#include "support/process.h"
 #include "support/test_platform.h"
 #include "systemd/real_systemd.h"
-
-extern char** environ;
 
 namespace tessary::linux_backend {
 namespace {
@@ -98,8 +93,8 @@ class JournalStandIn {
 
     bool listening() const { return socket_.valid(); }
 
-    // Everything written since the last clear, without the seven header
-    // lines the manager sends first on each stream.
+    // Everything written, without the seven header lines the manager sends
+    // first on each stream.
     std::string output() {
         std::lock_guard lock(mutex_);
         std::string out;
@@ -112,11 +107,6 @@ class JournalStandIn {
             out += start == std::string::npos ? "" : text.substr(start);
         }
         return out;
-    }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        streams_.clear();
-        first_ = open_.size();
     }
 
   private:
@@ -141,9 +131,9 @@ class JournalStandIn {
                 const ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
                 if (n <= 0) {
                     open_[i - 1].reset();  // ended: poll skips it from now on
-                } else if (i - 1 >= first_) {
-                    streams_.resize(std::max(streams_.size(), i - first_));
-                    streams_[i - 1 - first_].append(buf, static_cast<std::size_t>(n));
+                } else {
+                    streams_.resize(std::max(streams_.size(), i));
+                    streams_[i - 1].append(buf, static_cast<std::size_t>(n));
                 }
             }
         }
@@ -153,48 +143,21 @@ class JournalStandIn {
     std::atomic<bool> stop_{false};
     std::mutex mutex_;
     std::vector<UniqueFd> open_;        // every stream so far, closed or not
-    std::size_t first_ = 0;             // the first of open_ since the last clear
     std::vector<std::string> streams_;  // what those wrote
     std::thread thread_;
 };
 
-struct ToolRun {
-    int exitCode = -1;
-    std::string err;
-};
-
 // Runs `argv` to its end; with `privateDevLog`, in a mount namespace of its
 // own whose /dev holds nothing but a /dev/log leading to that path.
-ToolRun runTool(std::vector<std::string> argv, const std::string& errPath,
-                const std::string& privateDevLog = {}) {
-    std::vector<char*> args;
-    for (auto& a : argv) {
-        args.push_back(a.data());
-    }
-    args.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        const int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (err < 0 || ::dup2(err, 2) < 0) {
-            ::_exit(120);
-        }
-        if (!privateDevLog.empty() &&
-            (::unshare(CLONE_NEWNS) != 0 ||
-             ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-             ::mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0 ||
-             ::symlink(privateDevLog.c_str(), "/dev/log") != 0)) {
-            ::_exit(121);
-        }
-        ::execve(args[0], args.data(), environ);
-        ::_exit(127);
-    }
-    ToolRun run;
-    int status = 0;
-    if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) {
-        run.exitCode = WEXITSTATUS(status);
-    }
-    run.err = testing::readFile(errPath);
-    return run;
+testing::ProcessRun runTool(const std::vector<std::string>& argv,
+                            const std::string& privateDevLog = {}) {
+    return testing::runProcess(argv, {}, [&] {
+        return privateDevLog.empty() ||
+               (::unshare(CLONE_NEWNS) == 0 &&
+                ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                ::mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0 &&
+                ::symlink(privateDevLog.c_str(), "/dev/log") == 0);
+    });
 }
 
 class CleanupJobsTest : public testing::RealSystemdTest {
@@ -230,11 +193,8 @@ class CleanupJobsTest : public testing::RealSystemdTest {
         if (!privateLibrary) {
             return;  // skipped: nothing here is the test's to clean up
         }
-        for (const pid_t pid : children) {
-            if (pid > 0) {
-                ::kill(pid, SIGKILL);
-                ::waitpid(pid, nullptr, 0);
-            }
+        for (pid_t& pid : children) {
+            testing::stopProcess(pid, SIGKILL);
         }
         for (const char* label : {kUninstallLabel, kKillallLabel, "com.tessary.test.sleeper"}) {
             if (backend.jobIsEnabled(label)) {
@@ -249,10 +209,12 @@ class CleanupJobsTest : public testing::RealSystemdTest {
     // removed itself: no unit loaded, no unit file, and no failure left.
     void runCleanupJob(void (TYSupervisor::*start)(), const std::string& label) {
         const std::string unit = label + ".service";
-        TYSupervisor supervisor(platform);
+        TYSupervisor supervisor(doubles.platform);
         (supervisor.*start)();
-        for (const std::string& line : doubles.log.lines()) {
-            EXPECT_EQ(line.find("ERROR"), std::string::npos) << line;
+        for (const auto* log : {&doubles.log, &backendLog}) {
+            for (const std::string& line : log->lines()) {
+                EXPECT_EQ(line.find("ERROR"), std::string::npos) << line;
+            }
         }
         // A unit whose file is gone can still be running or be kept as
         // failed; gone, it is neither.
@@ -271,29 +233,11 @@ class CleanupJobsTest : public testing::RealSystemdTest {
 
     testing::TempDir dir;
     std::string helpers = dir / "bin";
-    testing::TestPlatform doubles;
+    testing::RecordingSystemLog backendLog;
     SystemdServiceManager backend{
-        {testing::kManagerSocket, testing::kManagerUnitDirectory, helpers}, doubles.log};
+        {testing::kManagerSocket, testing::kManagerUnitDirectory, helpers}, backendLog};
+    testing::TestPlatform doubles{&backend};
     AuthorizationRef auth = doubles.authorization.create({}, 0).authorization;
-    Platform platform{doubles.paths,
-                      doubles.log,
-                      doubles.queue,
-                      doubles.process,
-                      doubles.files,
-                      backend,
-                      doubles.authorization,
-                      doubles.codeSigning,
-                      doubles.messages,
-                      doubles.powerAssertions,
-                      doubles.powerNotifier,
-                      doubles.notices,
-                      doubles.backupExclusion,
-                      doubles.productInfo,
-                      doubles.bundleInfo,
-                      doubles.exitWatch,
-                      doubles.runningApplications,
-                      doubles.fileEvents,
-                      doubles.fileCoordination};
     std::unique_ptr<JournalStandIn> journal;
     std::vector<pid_t> children;
     bool privateLibrary = false;
@@ -312,20 +256,15 @@ TEST_F(CleanupJobsTest, TheUninstallJobRunsTheExtrasInOrderAndRemovesItself) {
     EXPECT_EQ(testing::readFile(ran), "a-first\nb-fails\nc-last\n");
     EXPECT_FALSE(fs::exists(kExtras));
     EXPECT_TRUE(fs::exists("/Library/Tessary"));
-    EXPECT_EQ(journal->output(), "");
-}
 
-// Under a shell without shopt, the loop would run once with the pattern
-// itself: an error for shopt, a "Running .../*..." line and an error for
-// running "*".
-TEST_F(CleanupJobsTest, AnEmptyOrMissingExtrasDirectoryRunsNothing) {
-    for (const bool present : {true, false}) {
-        journal->clear();
-        fs::create_directories(present ? kExtras : "/Library/Tessary");
-        runCleanupJob(&TYSupervisor::startUninstallExtrasService, kUninstallLabel);
-        EXPECT_EQ(journal->output(), "") << present;
-        EXPECT_FALSE(fs::exists(kExtras));
-    }
+    // Missing, then empty: under a shell without shopt, the loop would run
+    // once with the pattern itself: an error for shopt, a "Running .../*..."
+    // line and an error for running "*".
+    runCleanupJob(&TYSupervisor::startUninstallExtrasService, kUninstallLabel);
+    fs::create_directories(kExtras);
+    runCleanupJob(&TYSupervisor::startUninstallExtrasService, kUninstallLabel);
+    EXPECT_FALSE(fs::exists(kExtras));
+    EXPECT_EQ(journal->output(), "");
 }
 
 TEST_F(CleanupJobsTest, TheKillallJobKillsEveryTessaryAndRemovesItself) {
@@ -334,12 +273,7 @@ TEST_F(CleanupJobsTest, TheKillallJobKillsEveryTessaryAndRemovesItself) {
     fs::copy_file("/bin/sleep", tessary);
     fs::permissions(tessary, fs::perms(0755));
     for (int i = 0; i < 2; ++i) {
-        std::string path = tessary;
-        std::string seconds = "300";
-        char* argv[] = {path.data(), seconds.data(), nullptr};
-        pid_t pid = -1;
-        ASSERT_EQ(posix_spawn(&pid, tessary.c_str(), nullptr, nullptr, argv, environ), 0);
-        children.push_back(pid);
+        children.push_back(testing::spawnProcess({tessary, "300"}, dir / "tessary.log"));
     }
     runCleanupJob(&TYSupervisor::startKillallTessaryAppsService, kKillallLabel);
     for (pid_t& pid : children) {
@@ -353,14 +287,10 @@ TEST_F(CleanupJobsTest, TheKillallJobKillsEveryTessaryAndRemovesItself) {
 }
 
 TEST_F(CleanupJobsTest, JobtoolOutsideTheJobRemovesItAndWaits) {
-    const std::string err = dir / "err";
-    for (const auto& args : std::vector<std::vector<std::string>>{
-             {JOBTOOL}, {JOBTOOL, "remove"}, {JOBTOOL, "list", "x"}}) {
-        EXPECT_EQ(runTool(args, err).exitCode, 64) << args.size();
-    }
-    const ToolRun missing = runTool({JOBTOOL, "remove", "com.tessary.test.sleeper"}, err);
+    EXPECT_EQ(runTool({JOBTOOL, "remove"}).exitCode, 64);
+    const auto missing = runTool({JOBTOOL, "remove", "com.tessary.test.sleeper"});
     EXPECT_EQ(missing.exitCode, 1);
-    EXPECT_NE(missing.err.find("not loaded"), std::string::npos) << missing.err;
+    EXPECT_NE(missing.output.find("not loaded"), std::string::npos) << missing.output;
 
     const std::string unit = "com.tessary.test.sleeper.service";
     ASSERT_TRUE(backend
@@ -371,23 +301,22 @@ TEST_F(CleanupJobsTest, JobtoolOutsideTheJobRemovesItAndWaits) {
                                auth)
                     .ok());
     ASSERT_EQ(manager.activeState(unit), "active");
-    const ToolRun removed = runTool({JOBTOOL, "remove", "com.tessary.test.sleeper"}, err);
-    EXPECT_EQ(removed.exitCode, 0) << removed.err;
+    const auto removed = runTool({JOBTOOL, "remove", "com.tessary.test.sleeper"});
+    EXPECT_EQ(removed.exitCode, 0) << removed.output;
     // Gone by the time it returned.
     EXPECT_FALSE(manager.loaded(unit));
     EXPECT_FALSE(fs::exists(std::string(testing::kManagerUnitDirectory) + "/" + unit));
 }
 
 TEST_F(CleanupJobsTest, SyslogWritesTheMessageUnderTheSenderAtTheLevel) {
-    const std::string err = dir / "err";
     const std::string socket = dir / "log";
     const UniqueFd log = boundSocket(SOCK_DGRAM, socket);
     ASSERT_TRUE(log.valid());
-    const ToolRun run =
+    const auto run =
         runTool({SYSLOG_COMMAND, "-s", "-k", "Sender", "com.example.sender", "-k", "Level", "3",
                  "-k", "Other", "ignored", "-k", "Message", "Running /x/a b..."},
-                err, socket);
-    EXPECT_EQ(run.exitCode, 0) << run.err;
+                socket);
+    EXPECT_EQ(run.exitCode, 0) << run.output;
     char buf[1024];
     const ssize_t n = ::recv(log.get(), buf, sizeof buf, MSG_DONTWAIT);
     ASSERT_GT(n, 0);
@@ -396,13 +325,11 @@ TEST_F(CleanupJobsTest, SyslogWritesTheMessageUnderTheSenderAtTheLevel) {
     EXPECT_NE(line.find(" com.example.sender["), std::string::npos) << line;
     EXPECT_TRUE(line.ends_with("]: Running /x/a b...")) << line;
 
+    // No level beyond debug (7), no -s without a message.
     for (const auto& args : std::vector<std::vector<std::string>>{
-             {SYSLOG_COMMAND},
-             {SYSLOG_COMMAND, "-k", "Message", "m"},
-             {SYSLOG_COMMAND, "-s", "-k", "Sender", "s"},
              {SYSLOG_COMMAND, "-s", "-k", "Level", "8", "-k", "Message", "m"},
-             {SYSLOG_COMMAND, "-s", "-k", "Sender"}}) {
-        EXPECT_EQ(runTool(args, err, socket).exitCode, 64) << args.size();
+             {SYSLOG_COMMAND, "-s", "-k", "Sender", "s"}}) {
+        EXPECT_EQ(runTool(args, socket).exitCode, 64) << args.size();
     }
     EXPECT_LT(::recv(log.get(), buf, sizeof buf, MSG_DONTWAIT), 0);  // nothing more written
 }

@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <time.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -168,29 +167,6 @@ TEST_F(SystemdServiceManagerTest, JobWithoutTriggerIsLoadedNotRunAndRefusalsChan
     ASSERT_TRUE(backend.submitJob(Value(dict), auth).ok());  // once removed, it can come again
 }
 
-TEST_F(SystemdServiceManagerTest, CalendarJobGetsATimerDueAtTheNextMatchingMinute) {
-    const std::string job = label();
-    // A minute a few minutes ahead, in local time as the manager reads it.
-    const time_t ahead = ::time(nullptr) + 5 * 60;
-    struct tm due {};
-    ::localtime_r(&ahead, &due);
-    due.tm_sec = 0;
-    Dictionary dict = probeJob(job);
-    dict["StartCalendarInterval"] = Value(
-        Dictionary{{"Hour", Value::integer(due.tm_hour)}, {"Minute", Value::integer(due.tm_min)}});
-    ASSERT_TRUE(backend.submitJob(Value(dict), auth).ok());
-
-    EXPECT_EQ(state(job + ".timer"), "active");
-    EXPECT_EQ(state(job + ".service"), "inactive");
-    const auto next = manager.trivialProperty<std::uint64_t>(
-        job + ".timer", "org.freedesktop.systemd1.Timer", "NextElapseUSecRealtime", 't');
-    EXPECT_EQ(static_cast<time_t>(next / 1000000), ::mktime(&due));
-
-    ASSERT_TRUE(backend.removeJob(job, auth, true).ok());
-    EXPECT_EQ(loadState(job + ".timer"), "not-found");
-    EXPECT_FALSE(unitFileExists(job + ".timer"));
-}
-
 // Several socket names: one socket unit each, all handed to the one service,
 // which the first connection starts.
 TEST_F(SystemdServiceManagerTest, SocketJobStartsOnConnectionAndFindsItsSocketsByName) {
@@ -226,26 +202,6 @@ TEST_F(SystemdServiceManagerTest, SocketJobStartsOnConnectionAndFindsItsSocketsB
         EXPECT_EQ(loadState(unit), "not-found") << unit;
         EXPECT_FALSE(unitFileExists(unit)) << unit;
     }
-}
-
-TEST_F(SystemdServiceManagerTest, KeptAliveJobComesBackAfterBeingKilled) {
-    const std::string job = label();
-    Dictionary dict = probeJob(job);
-    dict["KeepAlive"] = Value::boolean(true);
-    dict["ThrottleInterval"] = Value::integer(1);
-    ASSERT_TRUE(backend.submitJob(Value(dict), auth).ok());
-    const auto first = running(job);
-    ASSERT_TRUE(first.has_value());
-    ASSERT_EQ(::kill(first->pid, SIGKILL), 0);
-    std::optional<Running> second;
-    ASSERT_TRUE(testing::eventually(
-        [&] { return (second = running(job)).has_value() && second->pid != first->pid; }));
-
-    // Removal stops it for good.
-    ASSERT_TRUE(backend.removeJob(job, auth, true).ok());
-    EXPECT_TRUE(processGone(second->pid));
-    std::this_thread::sleep_for(1500ms);
-    EXPECT_EQ(state(job + ".service"), "inactive");
 }
 
 TEST_F(SystemdServiceManagerTest, FailedJobStillReferredToIsRemovedWhole) {

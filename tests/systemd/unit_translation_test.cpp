@@ -212,10 +212,6 @@ TEST(UnitTranslation, CalendarAndIntervalMakeOneTimer) {
     EXPECT_EQ(timer.one("Timer.OnActiveSec"), "90");
     EXPECT_EQ(timer.one("Timer.OnUnitActiveSec"), "90");
     EXPECT_EQ(t.ignoredKeys, (Strings{"LowPriorityIO", "StartCalendarInterval.Second"}));
-
-    const auto single = translate(
-        {{"ProgramArguments", kTrue}, {"StartCalendarInterval", entry({{"Minute", 59}})}});
-    EXPECT_EQ(unitNamed(single, "com.example.job.timer").one("Timer.OnCalendar"), "*-*-* *:59:00");
 }
 
 // One socket name gives LABEL.socket, several give one unit each.

@@ -104,19 +104,6 @@ TEST_F(InotifyFileEventsTest, MoveIsARenameAndTheWatchFollowsTheDirectory) {
     EXPECT_EQ(seen, Events{kFileEventDelete});
 }
 
-TEST_F(InotifyFileEventsTest, OnlyTheAskedEventsAreDelivered) {
-    auto source = watch(kFileEventDelete);
-    ASSERT_NE(source, nullptr);
-    source->resume();
-    const std::string moved = dir / "Trash.app";
-    fs::rename(bundle, moved);
-    turn(1, 200ms);
-    EXPECT_EQ(seen, Events{});
-    fs::remove_all(moved);
-    turn(1);
-    EXPECT_EQ(seen, Events{kFileEventDelete});
-}
-
 TEST_F(InotifyFileEventsTest, MissingPathCannotBeWatchedAndSourcesCloseTheirDescriptor) {
     const std::size_t before = openDescriptors();
     EXPECT_EQ(events.watch(dir / "Missing.app", kFileEventDelete, [](std::uint32_t) {}), nullptr);

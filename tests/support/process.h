@@ -1,0 +1,103 @@
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/temp_dir.h"
+
+namespace tessary::testing {
+
+// Starts `argv` with its standard output and error appended to `output`.
+// `prepare` runs in the child before the exec (to change user, or mounts);
+// the child ends with 126 when it fails.
+inline pid_t spawnProcess(std::vector<std::string> argv, const std::string& output,
+                          const std::function<bool()>& prepare = {}) {
+    std::vector<char*> args;
+    for (auto& a : argv) {
+        args.push_back(a.data());
+    }
+    args.push_back(nullptr);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        const int fd = ::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        if (fd < 0 || ::dup2(fd, 1) < 0 || ::dup2(fd, 2) < 0 || (prepare && !prepare())) {
+            ::_exit(126);
+        }
+        ::execv(args[0], args.data());
+        ::_exit(127);
+    }
+    return pid;
+}
+
+inline void stopProcess(pid_t& pid, int signal = SIGTERM) {
+    if (pid > 0 && ::kill(pid, signal) == 0) {
+        ::waitpid(pid, nullptr, 0);
+    }
+    pid = -1;
+}
+
+struct ProcessRun {
+    pid_t pid = -1;
+    int exitCode = -1;   // -1: killed, or ended by a signal
+    std::string output;  // standard output and error
+};
+
+// Runs `argv` to its end, at most 15 s. `turn` runs while it waits: a test
+// that serves the process from its own event loop turns that loop.
+inline ProcessRun runProcess(const std::vector<std::string>& argv,
+                             const std::function<void()>& turn = {},
+                             const std::function<bool()>& prepare = {}) {
+    TempDir dir;
+    ProcessRun run;
+    run.pid = spawnProcess(argv, dir / "output", prepare);
+    int status = 0;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+    while (run.pid > 0 && ::waitpid(run.pid, &status, WNOHANG) != run.pid) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ::kill(run.pid, SIGKILL);
+            ::waitpid(run.pid, &status, 0);
+            break;
+        }
+        turn ? turn() : std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.output = readFile(dir / "output");
+    return run;
+}
+
+// Waits up to five seconds for `path` to appear.
+inline bool appears(const std::string& path) {
+    for (int i = 0; i < 500 && !std::filesystem::exists(path); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return std::filesystem::exists(path);
+}
+
+// A dbus-daemon of our own configuration listening on `socket`: any name
+// may be owned and anyone talked to. With `anyUser` false only the user it
+// runs as may connect, as on a user's session bus. False when it does not
+// come up; `pid` is then still to be stopped.
+inline bool startBusDaemon(pid_t& pid, const std::string& socket, bool anyUser = true,
+                           const std::function<bool()>& prepare = {}) {
+    const std::string config = socket + ".conf";
+    writeFile(config, "<busconfig><listen>unix:path=" + socket +
+                          "</listen><auth>EXTERNAL</auth><policy context=\"default\">" +
+                          (anyUser ? "<allow user=\"*\"/>" : "") +
+                          "<allow own=\"*\"/><allow send_destination=\"*\"/>"
+                          "<allow receive_sender=\"*\"/></policy></busconfig>\n");
+    pid =
+        spawnProcess({"/usr/bin/dbus-daemon", "--config-file=" + config, "--nofork", "--nopidfile"},
+                     socket + ".log", prepare);
+    return appears(socket);
+}
+
+}  // namespace tessary::testing

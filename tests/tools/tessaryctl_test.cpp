@@ -1,0 +1,172 @@
+// tessaryctl against a stand-in daemon on the real request channel: what it
+// sends, and what it makes of the answers.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include "backends/event_loop.h"
+#include "base/unique_fd.h"
+#include "platform/linux/peer_identity.h"
+#include "platform/linux/unix_message_service.h"
+#include "plist/codec.h"
+#include "support/process.h"
+
+namespace tessary {
+namespace {
+
+using namespace std::chrono_literals;
+using plist::Value;
+using Strings = std::vector<std::string>;
+
+plist::Dictionary success(const Value& result) {
+    return {{"returnCodeInteger", Value::integer(0)},
+            {"replyData", Value::data(plist::encode(result, plist::Format::Binary).value())}};
+}
+
+TEST(Tessaryctl, UsageErrorsAndNoDaemon) {
+    testing::TempDir dir;
+    const std::string none = dir / "none";
+    for (const Strings& args :
+         std::vector<Strings>{{},
+                              {"frobnicate"},
+                              {"enable"},
+                              {"enable", "a", "b"},
+                              {"list", "--job", "j"},
+                              {"status", "--file", "/dev/null"},
+                              {"--timeout", "soon", "status"},
+                              {"--timeout", "-1", "status"},
+                              {"sockets", "a", "--file", "/nonexistent/file.plist"},
+                              {"promote"},
+                              {"promote", "--"},
+                              {"promote", "x", "--", "true"},
+                              {"--json", "promote", "--", "true"},
+                              {"demote", "x"},
+                              {"begin-promotion", "--", "x"}}) {
+        Strings argv{TESSARYCTL, "--socket", none};
+        argv.insert(argv.end(), args.begin(), args.end());
+        const auto run = testing::runProcess(argv);
+        EXPECT_EQ(run.exitCode, 64) << ::testing::PrintToString(args);
+        EXPECT_NE(run.output.find("usage"), std::string::npos) << ::testing::PrintToString(args);
+    }
+    EXPECT_EQ(testing::runProcess({TESSARYCTL, "--help"}).exitCode, 0);
+    EXPECT_EQ(testing::runProcess({TESSARYCTL, "--socket", none, "status"}).exitCode, 2);
+    // A socket file that nobody listens on.
+    UniqueFd bound(::socket(AF_UNIX, SOCK_SEQPACKET, 0));
+    sockaddr_un a{AF_UNIX, {}};
+    std::strncpy(a.sun_path, (dir / "sock").c_str(), sizeof a.sun_path - 1);
+    ASSERT_EQ(::bind(bound.get(), reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    EXPECT_EQ(testing::runProcess({TESSARYCTL, "--socket", dir / "sock", "status"}).exitCode, 2);
+}
+
+// A stand-in daemon: records each request, and whether `marker` existed when
+// it came ("+" behind the command), and answers with the reply set for its
+// command, else success with an empty result; commands in `silent` get none.
+class TessaryctlTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        listener = service.createListener("com.orvane.tessaryd");
+        ASSERT_NE(listener, nullptr);
+        listener->setEventHandler([this](const ListenerEvent& e) {
+            ASSERT_NE(e.connection, nullptr) << e.description;
+            connections.push_back(e.connection);
+            MessageConnection* c = e.connection.get();
+            c->setEventHandler([this, c](const PeerEvent& pe) {
+                if (pe.kind != PeerEvent::Kind::Message) {
+                    return;
+                }
+                requests.emplace_back(pe.message->fields);
+                const std::string command = *requests.back().stringAt("commandString");
+                commands.push_back(command + (std::filesystem::exists(marker) ? "+" : ""));
+                if (silent.count(command) == 0) {
+                    auto it = replies.find(command);
+                    c->sendReply(*pe.message,
+                                 it != replies.end() ? it->second : success(plist::Dictionary{}));
+                }
+            });
+            c->activate();
+        });
+        listener->activate();
+    }
+
+    testing::ProcessRun run(Strings args) {
+        args.insert(args.begin(), {TESSARYCTL, "--socket", path});
+        return testing::runProcess(args, [this] { testing::runFor(queue, 1ms); });
+    }
+
+    testing::TempDir dir;
+    std::string path = dir / "sock";
+    std::string marker = dir / "marker";
+    linux_backend::SdEventQueue queue;
+    linux_backend::UnixMessageService service{queue, path};
+    std::unique_ptr<MessageListener> listener;
+    std::vector<std::shared_ptr<MessageConnection>> connections;
+    std::vector<Value> requests;
+    Strings commands;
+    std::map<std::string, plist::Dictionary> replies;
+    std::set<std::string> silent;
+};
+
+TEST_F(TessaryctlTest, OneRequestCommandsAndTheirOutput) {
+    replies["list"] = success(plist::Dictionary{{"enabledServices", plist::stringArray({"a", "c"})},
+                                                {"disabledServices", plist::stringArray({"b"})}});
+    replies["enable"] = {{"returnCodeInteger", Value::integer(1)}};
+    replies["restoreServices"] =
+        success(plist::Dictionary{{"previouslyEnabledServices", plist::stringArray({"a", "b"})}});
+    silent.insert("disable");
+
+    const auto list = run({"list"});
+    EXPECT_EQ(list.exitCode, 0) << list.output;
+    EXPECT_EQ(list.output, "enabled   a\nenabled   c\ndisabled  b\n");
+    EXPECT_EQ(requests[0].find("argumentsData"), nullptr);
+    // The form passed the channel's check: it names the tessaryctl process.
+    const Value* form = requests[0].find(linux_backend::UnixMessageService::kFormKey);
+    ASSERT_NE(form, nullptr);
+    auto identity = linux_backend::decodeExternalForm(*form->data());
+    ASSERT_TRUE(identity);
+    EXPECT_EQ(identity->pid, static_cast<std::uint32_t>(list.pid));
+
+    EXPECT_EQ(run({"enable", "a"}).exitCode, 1);
+    const auto unanswered = run({"--timeout", "0.2", "disable", "a"});
+    EXPECT_EQ(unanswered.exitCode, 2);
+    EXPECT_NE(unanswered.output.find("no reply"), std::string::npos) << unanswered.output;
+
+    EXPECT_EQ(run({"restore-services"}).output, "a\nb\n");
+    EXPECT_EQ(run({"--json", "restore-services"}).output,
+              "{\"previouslyEnabledServices\":[\"a\",\"b\"]}\n");
+    for (const char* name : {"begin-promotion", "end-promotion", "demote"}) {
+        const auto r = run({name});
+        EXPECT_EQ(r.exitCode, 0) << name << r.output;
+        EXPECT_EQ(r.output, "");
+    }
+    EXPECT_EQ(commands, (Strings{"list", "enable", "disable", "restoreServices", "restoreServices",
+                                 "beginPromotion", "endPromotion", "demote"}));
+}
+
+// The daemon watches the process that began the promotion, so that must be
+// tessaryctl itself, alive until the end is sent after COMMAND; a failed
+// COMMAND or a refused begin leaves the promotion unended.
+TEST_F(TessaryctlTest, PromoteBeginsRunsTheCommandAndEnds) {
+    auto r = run({"promote", "--", "/bin/sh", "-c", "echo $PPID > " + marker});
+    EXPECT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_EQ(commands, (Strings{"beginPromotion", "endPromotion+"}));
+    EXPECT_EQ(testing::readFile(marker), std::to_string(r.pid) + "\n");  // COMMAND's parent
+    std::filesystem::remove(marker);
+
+    commands.clear();
+    r = run({"promote", "--", "/bin/sh", "-c", "exit 3"});
+    EXPECT_EQ(r.exitCode, 3);
+    EXPECT_NE(r.output.find("not ended"), std::string::npos) << r.output;
+    EXPECT_EQ(run({"promote", "--", dir / "no-such-command"}).exitCode, 127);
+    replies["beginPromotion"] = {{"returnCodeInteger", Value::integer(1)}};
+    EXPECT_EQ(run({"promote", "--", "/bin/sh", "-c", "touch " + marker}).exitCode, 1);
+    EXPECT_FALSE(std::filesystem::exists(marker));
+    EXPECT_EQ(commands, (Strings{"beginPromotion", "beginPromotion", "beginPromotion"}));
+}
+
+}  // namespace
+}  // namespace tessary
