@@ -13,7 +13,8 @@
 # project's polkit action installed and a rule that lets the user "daemon"
 # hold it; the app bundle from BUNDLE_DIR at /Applications/Tessary.app with
 # DAEMON inside it and installed at /Library/PrivilegedHelperTools. The daemon
-# runs until COMMAND ends; its standard error goes to /run/tessaryd.log, and
+# runs until COMMAND ends; what it logs goes to /run/tessaryd.syslog, its
+# standard error to /run/tessaryd.log, and
 # as a plain child its pid is in TESSARYD_PID.
 set -euo pipefail
 
@@ -34,6 +35,7 @@ source "$here/sandbox-lib.sh"
 
 sandbox_private_dirs
 sandbox_system_bus "$policy"
+sandbox_syslog /run/tessaryd.syslog
 sandbox_app "$bundle" "$daemon"
 mkdir -p /Library/PrivilegedHelperTools
 cp "$daemon" /Library/PrivilegedHelperTools/com.orvane.tessaryd
@@ -49,11 +51,12 @@ daemon_alive() {
 }
 if ((as_service)); then
     cat >/run/systemd/system/com.orvane.tessaryd.service <<'UNIT'
+[Unit]
+StartLimitIntervalSec=0
 [Service]
 ExecStart=/Library/PrivilegedHelperTools/com.orvane.tessaryd
 Restart=always
 RestartSec=200ms
-StartLimitIntervalSec=0
 UNIT
     systemctl --user daemon-reload
     systemctl --user start com.orvane.tessaryd.service || sandbox_fail "cannot start the daemon's unit"

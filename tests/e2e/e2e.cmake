@@ -40,3 +40,19 @@ add_test(NAME e2e.load
           ${PROJECT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy --
           bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/load.sh $<TARGET_FILE:tessary_load_client>)
 set_tests_properties(e2e.load PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT 1200)
+
+add_test(NAME e2e.kill
+  COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/systemd/with-systemd.sh --private-run --
+          bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/daemon-sandbox.sh --as-service
+          $<TARGET_FILE:tessaryd> ${CMAKE_CURRENT_SOURCE_DIR}/e2e/app
+          ${PROJECT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy --
+          bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/kill.sh $<TARGET_FILE:tessary_load_client>)
+set_tests_properties(e2e.kill PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT 600)
+
+add_test(NAME e2e.faults
+  COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/systemd/with-systemd.sh --private-run --
+          bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/daemon-sandbox.sh
+          $<TARGET_FILE:tessaryd> ${CMAKE_CURRENT_SOURCE_DIR}/e2e/app
+          ${PROJECT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy --
+          bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/faults.sh $<TARGET_FILE:tessaryctl>)
+set_tests_properties(e2e.faults PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT 600)

@@ -124,10 +124,16 @@ class Client {
             request.arguments = std::move(arguments);
         }
         ++sent;
+        // A restarting daemon is given half a minute to come back.
+        const auto deadline = std::chrono::steady_clock::now() + 30s;
         for (;;) {
             if (!connection_) {
-                auto opened = client::Connection::open(kSocket, 30s);
+                auto opened = client::Connection::open(kSocket, 5s);
                 if (!opened) {
+                    if (survive_ && std::chrono::steady_clock::now() < deadline) {
+                        std::this_thread::sleep_for(50ms);
+                        continue;
+                    }
                     ++lost;
                     return opened.error();
                 }
