@@ -44,7 +44,7 @@ int main() {
     PosixFileOperations files;
     SystemdServiceManager serviceManager(
         {std::string(paths.systemdPrivateSocket()), std::string(paths.systemdUnitDirectory()),
-         kHelperBinDirectory},
+         kHelperBinDirectory, queue.event()},
         log);
     PolkitAuthorizationService authorization;
     ProcCodeSigningService codeSigning;

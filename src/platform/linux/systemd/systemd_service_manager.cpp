@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <thread>
 #include <vector>
 
 #include "base/unique_fd.h"
@@ -42,6 +43,13 @@ Error busFailure(const std::string& what, int r, const SdBusError& error) {
     return Error{std::move(domain), -r, std::move(text)};
 }
 
+// Whether a call failed because the connection went, not because of what it
+// asked.
+bool connectionLost(const Error& error) {
+    return error.domain == "NSPOSIXErrorDomain" &&
+           (error.code == ECONNRESET || error.code == ENOTCONN || error.code == EPIPE);
+}
+
 // Exit statuses systemd itself uses when it cannot set up or execute a
 // process; the ones a job is likely to hit.
 const char* setupStatusName(int status) {
@@ -67,23 +75,34 @@ const char* setupStatusName(int status) {
     }
 }
 
-// One connection to the manager, used by one operation on one thread.
+int openManagerBus(const std::string& address, SdBusPtr& out) {
+    return openBus(address, false, {}, out);
+}
+
+Error unreachable(const std::string& address, int r) {
+    return Error::posix(-r, "Unable to connect to the service manager at " + address);
+}
+
+// A connection to the manager as one operation on one thread uses it: its
+// own, or the manager's kept one, borrowed.
 class ManagerBus {
   public:
     static Result<ManagerBus> connect(const std::string& address) {
         SdBusPtr bus;
-        if (const int r = openBus(address, false, {}, bus); r < 0) {
-            return Error::posix(-r, "Unable to connect to the service manager at " + address);
+        if (const int r = openManagerBus(address, bus); r < 0) {
+            return unreachable(address, r);
         }
-        return ManagerBus(std::move(bus));
+        sd_bus* raw = bus.get();
+        return ManagerBus(raw, std::move(bus));
     }
+    static ManagerBus borrow(sd_bus* kept) { return ManagerBus(kept, nullptr); }
 
     // The unit's object, loading it from its file if the manager does not
     // have it yet.
     Result<std::string> loadUnit(const std::string& unit) {
         SdBusError error;
         sd_bus_message* raw = nullptr;
-        const int r = sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManagerInterface,
+        const int r = sd_bus_call_method(bus_, kDestination, kManagerPath, kManagerInterface,
                                          "LoadUnit", error.get(), &raw, "s", unit.c_str());
         SdBusMessagePtr reply(raw);
         if (r < 0) {
@@ -101,8 +120,8 @@ class ManagerBus {
         SdBusError error;
         MallocString value;
         char* raw = nullptr;
-        const int r = sd_bus_get_property_string(bus_.get(), kDestination, path.c_str(), interface,
-                                                 name, error.get(), &raw);
+        const int r = sd_bus_get_property_string(bus_, kDestination, path.c_str(), interface, name,
+                                                 error.get(), &raw);
         value.reset(raw);
         if (r < 0) {
             return busFailure(std::string("Unable to read ") + name + " of " + path, r, error);
@@ -114,8 +133,8 @@ class ManagerBus {
                                                      const char* name) {
         SdBusError error;
         MallocStringVector value;
-        const int r = sd_bus_get_property_strv(bus_.get(), kDestination, path.c_str(), interface,
-                                               name, error.get(), value.out());
+        const int r = sd_bus_get_property_strv(bus_, kDestination, path.c_str(), interface, name,
+                                               error.get(), value.out());
         if (r < 0) {
             return busFailure(std::string("Unable to read ") + name + " of " + path, r, error);
         }
@@ -127,8 +146,8 @@ class ManagerBus {
                               char type) {
         SdBusError error;
         T value{};
-        const int r = sd_bus_get_property_trivial(bus_.get(), kDestination, path.c_str(), interface,
-                                                  name, error.get(), type, &value);
+        const int r = sd_bus_get_property_trivial(bus_, kDestination, path.c_str(), interface, name,
+                                                  error.get(), type, &value);
         if (r < 0) {
             return busFailure(std::string("Unable to read ") + name + " of " + path, r, error);
         }
@@ -139,7 +158,7 @@ class ManagerBus {
     std::string loadError(const std::string& path) {
         SdBusError error;
         sd_bus_message* raw = nullptr;
-        const int r = sd_bus_get_property(bus_.get(), kDestination, path.c_str(), kUnitInterface,
+        const int r = sd_bus_get_property(bus_, kDestination, path.c_str(), kUnitInterface,
                                           "LoadError", error.get(), &raw, "(ss)");
         SdBusMessagePtr reply(raw);
         const char* name = nullptr;
@@ -154,7 +173,7 @@ class ManagerBus {
     Result<std::string> enqueue(const char* method, const std::string& unit) {
         SdBusError error;
         sd_bus_message* raw = nullptr;
-        const int r = sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManagerInterface,
+        const int r = sd_bus_call_method(bus_, kDestination, kManagerPath, kManagerInterface,
                                          method, error.get(), &raw, "ss", unit.c_str(), "replace");
         SdBusMessagePtr reply(raw);
         if (r < 0) {
@@ -170,12 +189,11 @@ class ManagerBus {
     Status managerCall(const char* method, const std::string& unit = {}) {
         SdBusError error;
         sd_bus_message* raw = nullptr;
-        const int r =
-            unit.empty()
-                ? sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManagerInterface,
-                                     method, error.get(), &raw, "")
-                : sd_bus_call_method(bus_.get(), kDestination, kManagerPath, kManagerInterface,
-                                     method, error.get(), &raw, "s", unit.c_str());
+        const int r = unit.empty()
+                          ? sd_bus_call_method(bus_, kDestination, kManagerPath, kManagerInterface,
+                                               method, error.get(), &raw, "")
+                          : sd_bus_call_method(bus_, kDestination, kManagerPath, kManagerInterface,
+                                               method, error.get(), &raw, "s", unit.c_str());
         SdBusMessagePtr reply(raw);
         if (r < 0) {
             return busFailure(unit.empty() ? std::string(method) : method + (" " + unit), r, error);
@@ -188,9 +206,8 @@ class ManagerBus {
     // JobRemoved to its private connections without a Subscribe.
     Status watchJobs() {
         sd_bus_slot* raw = nullptr;
-        const int r =
-            sd_bus_match_signal(bus_.get(), &raw, nullptr, kManagerPath, kManagerInterface,
-                                "JobRemoved", &ManagerBus::jobRemoved, finished_.get());
+        const int r = sd_bus_match_signal(bus_, &raw, nullptr, kManagerPath, kManagerInterface,
+                                          "JobRemoved", &ManagerBus::jobRemoved, finished_.get());
         if (r < 0) {
             return Error::posix(-r, "Unable to watch the service manager's jobs");
         }
@@ -211,12 +228,12 @@ class ManagerBus {
             if (results.size() == jobs.size()) {
                 return results;
             }
-            int r = sd_bus_process(bus_.get(), nullptr);
+            int r = sd_bus_process(bus_, nullptr);
             if (r > 0) {
                 continue;
             }
             if (r == 0) {
-                r = sd_bus_wait(bus_.get(), UINT64_MAX);
+                r = sd_bus_wait(bus_, UINT64_MAX);
             }
             if (r < 0 && r != -EINTR) {
                 return Error::posix(-r, "Lost the service manager while waiting for its jobs");
@@ -227,7 +244,8 @@ class ManagerBus {
   private:
     using Finished = std::map<std::string, std::string>;
 
-    explicit ManagerBus(SdBusPtr bus) : bus_(std::move(bus)), finished_(new Finished) {}
+    ManagerBus(sd_bus* bus, SdBusPtr owned)
+        : bus_(bus), owned_(std::move(owned)), finished_(new Finished) {}
 
     static int jobRemoved(sd_bus_message* m, void* userdata, sd_bus_error* /*error*/) {
         uint32_t id = 0;
@@ -240,10 +258,20 @@ class ManagerBus {
         return 0;
     }
 
-    SdBusPtr bus_;
+    sd_bus* bus_;
+    SdBusPtr owned_;                      // null when borrowed
     std::unique_ptr<Finished> finished_;  // stays put when the connection is moved
     SdBusSlotPtr match_;                  // declared last: released first
 };
+
+// The kept connection when there is one, else a connection of its own.
+Result<ManagerBus> managerBus(const Result<sd_bus*>& kept, const std::string& address) {
+    if (!kept) {
+        return kept.error();
+    }
+    return kept.value() != nullptr ? ManagerBus::borrow(kept.value())
+                                   : ManagerBus::connect(address);
+}
 
 struct UnitState {
     std::string path;
@@ -490,7 +518,7 @@ Status SystemdServiceManager::submitJob(const plist::Value& job,
         log_.debug("Job %@: ignoring %@, which has no systemd counterpart", t.label, key);
     }
     LabelGuard guard(*this, t.label);
-    auto connected = ManagerBus::connect(address_);
+    auto connected = managerBus(keptConnection(), address_);
     if (!connected) {
         return connected.error();
     }
@@ -594,7 +622,7 @@ Status SystemdServiceManager::removeJob(std::string_view label,
         return s;
     }
     LabelGuard guard(*this, std::string(label));
-    auto connected = ManagerBus::connect(address_);
+    auto connected = managerBus(keptConnection(), address_);
     if (!connected) {
         return connected.error();
     }
@@ -708,16 +736,50 @@ bool SystemdServiceManager::jobIsEnabled(std::string_view label) {
     if (!checkJobLabel(label)) {
         return false;
     }
-    auto connected = ManagerBus::connect(address_);
-    if (!connected) {
-        return false;
+    // A question is asked again once on a new connection when the kept one
+    // turns out to be gone (the manager re-executed since the last one).
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        auto connected = managerBus(keptConnection(), address_);
+        if (!connected) {
+            return false;
+        }
+        auto path = connected.value().loadUnit(serviceUnitName(label));
+        if (path) {
+            auto load = connected.value().stringProperty(path.value(), kUnitInterface, "LoadState");
+            return load.ok() && load.value() == "loaded";
+        }
+        if (!connectionLost(path.error())) {
+            return false;
+        }
     }
-    auto path = connected.value().loadUnit(serviceUnitName(label));
-    if (!path) {
-        return false;
+    return false;
+}
+
+Result<sd_bus*> SystemdServiceManager::keptConnection() {
+    if (std::this_thread::get_id() != home_) {
+        return static_cast<sd_bus*>(nullptr);
     }
-    auto load = connected.value().stringProperty(path.value(), kUnitInterface, "LoadState");
-    return load.ok() && load.value() == "loaded";
+    if (kept_) {
+        // Drops what the manager sent since the last operation; a connection
+        // it closed is made anew.
+        int r = 0;
+        while ((r = sd_bus_process(kept_.get(), nullptr)) > 0) {
+        }
+        if (r < 0 || sd_bus_is_open(kept_.get()) <= 0) {
+            kept_.reset();
+        }
+    }
+    if (!kept_) {
+        SdBusPtr bus;
+        if (const int r = openManagerBus(address_, bus); r < 0) {
+            return unreachable(address_, r);
+        }
+        if (options_.event != nullptr) {
+            (void)sd_bus_attach_event(bus.get(), options_.event, SD_EVENT_PRIORITY_IDLE);
+        }
+        kept_ = std::move(bus);
+    }
+    return kept_.get();
 }
 
 }  // namespace tessary::linux_backend

@@ -4,7 +4,10 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 
+#include "base/error.h"
+#include "platform/linux/sd_handles.h"
 #include "platform/service_manager_client.h"
 #include "platform/system_log.h"
 
@@ -19,18 +22,24 @@ struct SystemdServiceManagerOptions {
     std::string unitDirectory = "/run/systemd/system";
     // Put first on the PATH of jobs that do not set their own; empty for none.
     std::string helperBinDirectory;
+    // The main loop, which reads and drops what the manager sends to the kept
+    // connection between operations; without one, that waits in the socket
+    // until the next operation drops it.
+    sd_event* event = nullptr;
 };
 
 // The service-manager role on systemd: a job is a set of unit files written
 // into the manager's runtime unit directory and loaded and started over the
 // manager's private D-Bus socket.
 //
-// Safe to call from several threads at once. Each operation opens its own
-// connection, so operations on different jobs overlap fully (the stop of many
-// jobs takes as long as the slowest); operations on one label wait for each
-// other. A connection is not kept between operations because the manager
-// sends every signal to every private connection: an idle one would only fill
-// up.
+// Safe to call from several threads at once. Operations on the thread that
+// made the manager (the main loop's) share one kept connection, made anew
+// when the manager closes it; a connection costs more than the questions a
+// synchronisation asks. Operations on other threads (the stop of all jobs at
+// once) each open their own, so they overlap fully and the whole takes as
+// long as the slowest stop. Operations on one label wait for each other. The
+// manager sends every signal to every private connection, so the main loop
+// reads the kept one and drops what it holds.
 class SystemdServiceManager final : public ServiceManagerClient {
   public:
     SystemdServiceManager(SystemdServiceManagerOptions options, SystemLog& log);
@@ -52,6 +61,9 @@ class SystemdServiceManager final : public ServiceManagerClient {
 
   private:
     class LabelGuard;
+    // The kept connection, on the thread that made the manager; null on any
+    // other thread.
+    Result<sd_bus*> keptConnection();
 
     SystemdServiceManagerOptions options_;
     std::string address_;
@@ -59,6 +71,8 @@ class SystemdServiceManager final : public ServiceManagerClient {
     std::mutex busyMutex_;
     std::condition_variable busyChanged_;
     std::set<std::string, std::less<>> busyLabels_;
+    std::thread::id home_ = std::this_thread::get_id();
+    SdBusPtr kept_;
 };
 
 }  // namespace tessary::linux_backend
