@@ -1,28 +1,38 @@
 // Round trips through the client library to a running tessaryd ("status",
 // and "list" with the sandbox's services), next to a bare SOCK_SEQPACKET
-// echo of the same sizes between two threads of this process, measured in
-// the same run. Run it with bench/run-daemon-bench.sh, which starts the
-// daemon in the sandbox.
+// echo of the same sizes between two threads of this process and one polkit
+// CheckAuthorization of the kind "list" makes, measured in the same run; and
+// the switch of a RunAtLoad service by whole tessaryctl processes next to
+// systemctl starting and stopping a unit of the same command. Run it through
+// bench/run-daemon-bench.sh (or bench/run-all.sh), which starts the daemon in
+// the sandbox; pinning is done there, for the whole sandbox at once.
 #include <benchmark/benchmark.h>
-#include <sched.h>
+#include <fcntl.h>
+#include <spawn.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "client/tessary_client.h"
+#include "platform/linux/peer_identity.h"
+#include "platform/linux/sd_handles.h"
+
+extern char** environ;
 
 namespace tessary {
 namespace {
 
 constexpr const char* kSocket = "/run/com.orvane.tessaryd";
-
-void pinTo(int cpu) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    (void)sched_setaffinity(0, sizeof set, &set);
-}
+// The sandbox suite gives the app this RunAtLoad service and writes the unit
+// for systemctl (same command) into the manager's runtime directory.
+constexpr const char* kRunAtLoadService = "com.example.bench00";
+constexpr const char* kCtlUnit = "tessary-bench-ctl.service";
 
 client::Request requestFor(const std::string& command) {
     client::Request r;
@@ -67,25 +77,18 @@ BENCHMARK_CAPTURE(BM_DaemonRoundTrip, list, std::string("list"))
 void BM_SeqpacketEcho(benchmark::State& state) {
     const auto requestSize = static_cast<std::size_t>(state.range(0));
     const auto replySize = static_cast<std::size_t>(state.range(1));
-    const bool pinned = state.range(2) != 0;
     int fds[2];
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds) != 0) {
         state.SkipWithError("socketpair");
         return;
     }
     std::thread echo([&] {
-        if (pinned) {
-            pinTo(0);
-        }
         std::vector<char> in(requestSize + 1);
         std::vector<char> out(replySize, 'r');
         while (::recv(fds[1], in.data(), in.size(), 0) > 0) {
             (void)::send(fds[1], out.data(), out.size(), MSG_NOSIGNAL);
         }
     });
-    if (pinned) {
-        pinTo(0);
-    }
     std::vector<char> request(requestSize, 'q');
     std::vector<char> reply(replySize + 1);
     for (auto _ : state) {
@@ -98,17 +101,128 @@ void BM_SeqpacketEcho(benchmark::State& state) {
     ::close(fds[1]);
 }
 // Sizes: "status" (request ~60 B, reply ~90 B) and "list" with 100 services
-// (request ~110 B with its form, reply ~4 KB); unpinned and pinned to CPU 0.
+// (request ~110 B with its form, reply ~4 KB).
 BENCHMARK(BM_SeqpacketEcho)
-    ->ArgNames({"request", "reply", "pinned"})
-    ->Args({64, 96, 0})
-    ->Args({112, 4096, 0})
-    ->Args({64, 96, 1})
-    ->Args({112, 4096, 1})
+    ->ArgNames({"request", "reply"})
+    ->Args({64, 96})
+    ->Args({112, 4096})
     ->Unit(benchmark::kMicrosecond)
     ->Repetitions(5)
     ->ReportAggregatesOnly()
     ->UseRealTime();
+
+// One CheckAuthorization for this process and the daemon's action, with
+// the subject the daemon sends (unix-process: pid, start time, uid), on a
+// connection to the system bus kept open as the daemon keeps its own.
+void BM_PolkitCheckAuthorization(benchmark::State& state) {
+    linux_backend::SdBusPtr bus;
+    if (linux_backend::openBus("unix:path=/run/dbus/system_bus_socket", true, {}, bus) < 0) {
+        state.SkipWithError("no system bus");
+        return;
+    }
+    const auto startTime = linux_backend::processStartTime(static_cast<std::int32_t>(::getpid()));
+    if (!startTime) {
+        state.SkipWithError("no start time");
+        return;
+    }
+    int authorized = 0;
+    for (auto _ : state) {
+        sd_bus_message* raw = nullptr;
+        sd_bus_message_new_method_call(
+            bus.get(), &raw, "org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority",
+            "org.freedesktop.PolicyKit1.Authority", "CheckAuthorization");
+        linux_backend::SdBusMessagePtr call(raw);
+        sd_bus_message_append(call.get(), "(sa{sv})", "unix-process", 3, "pid", "u",
+                              static_cast<std::uint32_t>(::getpid()), "start-time", "t",
+                              startTime.value(), "uid", "i",
+                              static_cast<std::int32_t>(::geteuid()));
+        sd_bus_message_append(call.get(), "sa{ss}us", "com.orvane.tessaryd.admin", 0, 0U, "");
+        sd_bus_message* rawReply = nullptr;
+        const int r = sd_bus_call(bus.get(), call.get(), 0, nullptr, &rawReply);
+        linux_backend::SdBusMessagePtr reply(rawReply);
+        int challenge = 0;
+        if (r < 0 ||
+            sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_STRUCT, "bba{ss}") <= 0 ||
+            sd_bus_message_read(reply.get(), "bb", &authorized, &challenge) <= 0) {
+            state.SkipWithError("CheckAuthorization failed");
+            return;
+        }
+    }
+    state.counters["authorized"] = authorized;
+}
+BENCHMARK(BM_PolkitCheckAuthorization)
+    ->Unit(benchmark::kMicrosecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly()
+    ->UseRealTime();
+
+// ARGV as a whole process, its output dropped; true when it exits with 0.
+bool run(std::vector<std::string> args) {
+    std::vector<char*> argv;
+    for (auto& a : args) {
+        argv.push_back(a.data());
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    pid_t pid = 0;
+    const int r = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    int status = 0;
+    return r == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
+}
+
+// A switch on and off; one of the two is measured, one per repetition.
+struct Switch {
+    std::vector<std::string> on;
+    std::vector<std::string> off;
+};
+
+Switch tessaryctl() {
+    const char* ctl = std::getenv("TESSARYCTL");
+    return {{ctl != nullptr ? ctl : "tessaryctl", "enable", kRunAtLoadService},
+            {ctl != nullptr ? ctl : "tessaryctl", "disable", kRunAtLoadService}};
+}
+
+Switch systemctl() {
+    return {{"systemctl", "--user", "start", kCtlUnit}, {"systemctl", "--user", "stop", kCtlUnit}};
+}
+
+void BM_Switch(benchmark::State& state, Switch (*make)(), bool measureOn) {
+    const Switch s = make();
+    for (auto _ : state) {
+        if (!measureOn) {
+            state.PauseTiming();
+        }
+        const bool on = run(s.on);
+        if (measureOn) {
+            state.PauseTiming();
+        } else {
+            state.ResumeTiming();
+        }
+        const bool off = run(s.off);
+        if (measureOn) {
+            state.ResumeTiming();
+        }
+        if (!on || !off) {
+            state.SkipWithError("a switch failed");
+            return;
+        }
+    }
+}
+#define TESSARY_SWITCH(name, make, measureOn)           \
+    BENCHMARK_CAPTURE(BM_Switch, name, make, measureOn) \
+        ->Unit(benchmark::kMillisecond)                 \
+        ->Iterations(1)                                 \
+        ->Repetitions(15)                               \
+        ->ReportAggregatesOnly()                        \
+        ->UseRealTime()
+TESSARY_SWITCH(tessaryctl_enable, tessaryctl, true);
+TESSARY_SWITCH(tessaryctl_disable, tessaryctl, false);
+TESSARY_SWITCH(systemctl_start, systemctl, true);
+TESSARY_SWITCH(systemctl_stop, systemctl, false);
 
 }  // namespace
 }  // namespace tessary

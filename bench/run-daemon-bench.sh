@@ -2,20 +2,17 @@
 # Starts tessaryd in the private sandbox (a real systemd user manager, a
 # private system bus with polkitd) with an app holding 100 services, and runs
 # the round-trip benchmark against it. As root, after a release build:
-#   bash bench/run-daemon-bench.sh [build/release]
+#   bash bench/run-daemon-bench.sh [--pinned] [build/release]
+# --pinned puts the whole sandbox (daemon, bus, polkitd, client) on CPU 0.
 set -euo pipefail
 here="$(cd "$(dirname "$0")/.." && pwd)"
+pin=()
+if [[ "${1:-}" == --pinned ]]; then
+    pin=(taskset -c 0)
+    shift
+fi
 build="$(cd "${1:-$here/build/release}" && pwd)"
-bundle="$(mktemp -d)"
-trap 'rm -rf "$bundle"' EXIT
-cp -a "$here/tests/e2e/app/." "$bundle/"
-python3 - "$bundle" <<'PY'
-import plistlib, sys
-d = sys.argv[1] + "/Contents/TessaryRoot/System/Library/LaunchDaemons/"
-for i in range(98):
-    plistlib.dump({"Label": "com.example.bench%02d" % i, "ProgramArguments": ["/bin/sleep", "1000"]},
-                  open(d + "com.example.bench%02d.plist" % i, "wb"))
-PY
-exec bash "$here/tests/systemd/with-systemd.sh" --private-run -- \
-    bash "$here/tests/e2e/daemon-sandbox.sh" "$build/src/tessaryd" "$bundle" \
-    "$here/data/polkit/com.orvane.tessaryd.policy" -- "$build/bench/tessary_daemon_bench"
+out="$(mktemp -d)"
+trap 'rm -rf "$out"' EXIT
+"${pin[@]}" bash "$here/tests/systemd/with-systemd.sh" --private-run -- \
+    bash "$here/bench/daemon-suite.sh" roundtrips "$build" "$out"

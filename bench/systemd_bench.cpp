@@ -3,6 +3,11 @@
 // the same manager in the same run. Each measured operation is one
 // repetition, so the "median" rows are medians of single operations.
 //
+// Then the supervisor on this backend: a synchronisation pass over 100
+// services that are all off (one is-loaded question each), next to the same
+// questions asked raw over sd-bus; and the stop of all of 20 running services
+// whose programs take a second to stop.
+//
 // Needs a private systemd at the fixed addresses; run it through the test
 // wrapper:
 //   tests/systemd/with-systemd.sh build/release/bench/tessary_systemd_bench
@@ -17,7 +22,11 @@
 #include <thread>
 #include <vector>
 
+#include "daemon/supervisor.h"
+#include "platform/linux/sd_handles.h"
 #include "platform/linux/systemd/systemd_service_manager.h"
+#include "platform/linux/systemd/unit_translation.h"
+#include "support/test_platform.h"
 
 extern char** environ;
 
@@ -181,6 +190,125 @@ TESSARY_SINGLE_OPERATION(BM_SystemctlLinkStart);
 TESSARY_SINGLE_OPERATION(BM_SystemctlStop);
 TESSARY_SINGLE_OPERATION(BM_BackendIsLoaded);
 TESSARY_SINGLE_OPERATION(BM_SystemctlIsActive);
+
+// COUNT services of the supervisor on the real manager, every one switched
+// on or off as `on` says, loaded and synchronised once.
+struct RealFleet {
+    RealFleet(int count, bool on, const plist::Dictionary& extra = {}) {
+        for (int i = 0; i < count; ++i) {
+            labels.push_back("com.tessary.bench.fleet" + std::to_string(i));
+            t.addDefinition(labels.back() + ".plist", testing::definition(labels.back(), extra));
+            supervisor.preferences().setServiceEnabled(labels.back(), on);
+        }
+        supervisor.loadServices();
+        supervisor.syncServices();
+    }
+    NullLog log;
+    linux_backend::SystemdServiceManager manager{{}, log};
+    testing::TestPlatform t{&manager};
+    TYSupervisor supervisor{t.platform};
+    std::vector<std::string> labels;
+};
+
+void BM_SyncHundredOffServices(benchmark::State& state) {
+    RealFleet fleet(100, false);
+    for (auto _ : state) {
+        fleet.supervisor.syncServices();
+    }
+}
+BENCHMARK(BM_SyncHundredOffServices)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly()
+    ->UseRealTime();
+
+// The is-loaded question the backend asks (LoadUnit, then the unit's
+// LoadState), for the same 100 units, over sd-bus directly: on one
+// connection, and with a connection of its own for each question as the
+// backend opens one per operation.
+void BM_RawUnitStateQueries(benchmark::State& state) {
+    const bool connectionEach = state.range(0) != 0;
+    std::vector<std::string> units;
+    for (int i = 0; i < 100; ++i) {
+        units.push_back(
+            linux_backend::serviceUnitName("com.tessary.bench.fleet" + std::to_string(i)));
+    }
+    const std::string address = "unix:path=/run/systemd/private";
+    linux_backend::SdBusPtr shared;
+    if (!connectionEach && linux_backend::openBus(address, false, {}, shared) < 0) {
+        state.SkipWithError("no manager");
+        return;
+    }
+    for (auto _ : state) {
+        for (const std::string& unit : units) {
+            linux_backend::SdBusPtr own;
+            if (connectionEach && linux_backend::openBus(address, false, {}, own) < 0) {
+                state.SkipWithError("no manager");
+                return;
+            }
+            sd_bus* bus = connectionEach ? own.get() : shared.get();
+            sd_bus_message* raw = nullptr;
+            const char* path = nullptr;
+            int r = sd_bus_call_method(bus, "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
+                                       "org.freedesktop.systemd1.Manager", "LoadUnit", nullptr,
+                                       &raw, "s", unit.c_str());
+            linux_backend::SdBusMessagePtr reply(raw);
+            if (r >= 0) {
+                r = sd_bus_message_read(raw, "o", &path);
+            }
+            char* load = nullptr;
+            if (r >= 0) {
+                r = sd_bus_get_property_string(bus, "org.freedesktop.systemd1", path,
+                                               "org.freedesktop.systemd1.Unit", "LoadState",
+                                               nullptr, &load);
+            }
+            std::free(load);
+            if (r < 0) {
+                state.SkipWithError("query failed");
+                return;
+            }
+        }
+    }
+}
+BENCHMARK(BM_RawUnitStateQueries)
+    ->ArgName("connection_each")
+    ->Arg(0)
+    ->Arg(1)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly()
+    ->UseRealTime();
+
+// The programs answer SIGTERM by finishing a second later, so each stop
+// takes a second of the manager's.
+void BM_StopAllTwentySlowServices(benchmark::State& state) {
+    const plist::Dictionary slowStop{
+        {"ProgramArguments",
+         plist::Value(plist::stringArray(
+             {"/bin/sh", "-c", "trap '/bin/sleep 1; exit 0' TERM; /bin/sleep 1000 & wait"}))}};
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto fleet = std::make_unique<RealFleet>(20, true, slowStop);
+        // Time for every shell to have set its trap.
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        state.ResumeTiming();
+        fleet->supervisor.stopAllServices();
+        state.PauseTiming();
+        for (const std::string& label : fleet->labels) {
+            if (fleet->manager.jobIsEnabled(label)) {
+                state.SkipWithError("a service is still loaded");
+            }
+        }
+        fleet.reset();
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(BM_StopAllTwentySlowServices)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1)
+    ->Repetitions(3)
+    ->ReportAggregatesOnly()
+    ->UseRealTime();
 
 }  // namespace
 }  // namespace tessary

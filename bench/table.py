@@ -1,0 +1,122 @@
+#!/usr/bin/env python3
+"""Prints the speed and memory table from the files bench/run-all.sh leaves
+in OUT: doubles.json and systemd.json (Google Benchmark), and per sandbox
+pass (unpinned, pinned) daemon.json and figures ("name value" lines)."""
+import json
+import os
+import re
+import statistics
+import sys
+
+out = sys.argv[1]
+UNIT_US = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
+
+
+def load(path):
+    try:
+        with open(os.path.join(out, path)) as f:
+            return json.load(f)["benchmarks"]
+    except (OSError, ValueError, KeyError):
+        return []
+
+
+def median_us(runs, name):
+    """The median real time (µs) of the run called `name`: its median
+    aggregate, else the plain run's time."""
+    for aggregate in ("median", None):
+        for r in runs:
+            run = re.sub(r"/repeats:\d+", "", r.get("run_name", ""))
+            if run == name and r.get("aggregate_name") == aggregate:
+                if r.get("error_occurred"):
+                    return None
+                return r["real_time"] * UNIT_US[r["time_unit"]]
+    return None
+
+
+def figures(path):
+    found = {}
+    try:
+        with open(os.path.join(out, path)) as f:
+            for line in f:
+                name, value = line.split()
+                found.setdefault(name, []).append(float(value))
+    except OSError:
+        pass
+    return found
+
+
+rows = []
+
+
+def row(figure, mode, value, base, target, unit="µs", scale=1.0):
+    """One line; `target` is the ratio value/base must not exceed."""
+    if value is None or base is None or base == 0:
+        rows.append((figure, mode, "n/a", "n/a", "n/a", f"<= {target}x", "?"))
+        return
+    ratio = value / base
+    rows.append((figure, mode, f"{value / scale:.1f} {unit}", f"{base / scale:.1f} {unit}",
+                 f"{ratio:.2f}x", f"<= {target}x", "met" if ratio <= target else "MISSED"))
+
+
+doubles = load("doubles.json")
+systemd = load("systemd.json")
+for mode in ("unpinned", "pinned"):
+    d = load(f"{mode}/daemon.json")
+    echo_status = median_us(d, "BM_SeqpacketEcho/request:64/reply:96/real_time")
+    echo_list = median_us(d, "BM_SeqpacketEcho/request:112/reply:4096/real_time")
+    polkit = median_us(d, "BM_PolkitCheckAuthorization/real_time")
+    row("1 status round trip / echo", mode,
+        median_us(d, "BM_DaemonRoundTrip/status/real_time"), echo_status, 3)
+    row("2 list (100 services) / polkit+echo", mode,
+        median_us(d, "BM_DaemonRoundTrip/list/real_time"),
+        polkit + echo_list if polkit is not None and echo_list is not None else None, 1.2)
+    rows.append(("  (polkit CheckAuthorization alone)", mode,
+                 f"{polkit:.1f} µs" if polkit else "n/a", "", "", "", ""))
+    switch = {k: median_us(d, f"BM_Switch/{k}/iterations:1/real_time")
+              for k in ("tessaryctl_enable", "tessaryctl_disable", "systemctl_start",
+                        "systemctl_stop")}
+    row("3 tessaryctl enable / systemctl start", mode, switch["tessaryctl_enable"],
+        switch["systemctl_start"], 1.0, "ms", 1e3)
+    row("3 tessaryctl disable / systemctl stop", mode, switch["tessaryctl_disable"],
+        switch["systemctl_stop"], 1.0, "ms", 1e3)
+
+row("4 syncServices 100 off / raw queries", "real systemd",
+    median_us(systemd, "BM_SyncHundredOffServices/real_time"),
+    median_us(systemd, "BM_RawUnitStateQueries/connection_each:0/real_time"), 1.2, "ms", 1e3)
+row("  (raw queries, a connection each)", "real systemd",
+    median_us(systemd, "BM_RawUnitStateQueries/connection_each:1/real_time"),
+    median_us(systemd, "BM_RawUnitStateQueries/connection_each:0/real_time"), 1.2, "ms", 1e3)
+row("5 stopAllServices 20 x 1 s / 1 s", "real systemd",
+    median_us(systemd, "BM_StopAllTwentySlowServices/iterations:1/real_time"), 1e6, 1.2, "ms",
+    1e3)
+# Faster than one stop means the programs did not take their second to stop:
+# the figure then says nothing about the target.
+if rows[-1][4] != "n/a" and float(rows[-1][4][:-1]) < 1.0:
+    rows[-1] = rows[-1][:6] + ("INVALID: stops took < 1 s",)
+row("5 stopAllServices 20 x 1 s / 1 s", "doubles",
+    median_us(doubles, "BM_StopAllTwentyServices/remove_ms:1000/iterations:3/real_time"), 1e6,
+    1.2, "ms", 1e3)
+
+f = figures("unpinned/figures")
+if f.get("startup_us"):
+    start = statistics.median(f["startup_us"])
+    shares = [m / s for m, s in zip(f.get("timed_manager_us", []), f.get("timed_startup_us", []))]
+    share = f"{100 * statistics.median(shares):.0f}% in the service manager" if shares else ""
+    calls = statistics.median(f.get("timed_manager_calls", [0]))
+    connects = statistics.median(f.get("timed_manager_connects", [0]))
+    rows.append(("6 start-up, 100 services off", "unpinned", f"{start / 1e3:.1f} ms",
+                 f"{share}, {calls:.0f} sd-bus calls, {connects:.0f} connections", "", "", ""))
+if f.get("rss_idle_kb") and f.get("rss_minimal_kb"):
+    idle, floor = f["rss_idle_kb"][0], f["rss_minimal_kb"][0]
+    row("7 VmRSS idle / minimal program", "unpinned", idle, floor, 2, "kB")
+if f.get("rss_10k_kb") and f.get("rss_100k_kb"):
+    after10k, after100k = f["rss_10k_kb"][0], f["rss_100k_kb"][0]
+    growth = after100k - after10k
+    rows.append(("7 VmRSS after 10k -> 100k requests", "unpinned",
+                 f"{after10k:.0f} -> {after100k:.0f} kB", f"growth {growth:+.0f} kB", "", "0",
+                 "met" if growth <= 0 else "MISSED"))
+
+header = ("figure", "mode", "median", "baseline", "ratio", "target", "")
+widths = [max(len(str(r[i])) for r in rows + [header]) for i in range(len(header))]
+for r in [header] + rows:
+    print("  ".join(str(c).ljust(w) for c, w in zip(r, widths)).rstrip())
