@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -103,15 +102,8 @@ class MessageServiceTest : public ::testing::Test {
 // limit, and a message whose 32-byte form is emptied unless it names the
 // sender. Each message carries the sender's audit token.
 TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
-    struct stat st {};
-    ASSERT_EQ(::stat(path.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISSOCK(st.st_mode));
-    EXPECT_EQ(st.st_mode & 07777, 0666U);
-    // A socket left by an earlier run is replaced; anything else is kept.
-    UnixMessageService other(queue, dir / "other");
-    other.createListener("earlier").reset();
-    ASSERT_TRUE(std::filesystem::is_socket(dir / "other"));
-    EXPECT_NE(other.createListener("again"), nullptr);
+    // A socket left by an earlier run is replaced (the end-to-end tests
+    // restart the daemon over one); anything else at the path is kept.
     testing::writeFile(dir / "file", "keep");
     EXPECT_EQ(UnixMessageService(queue, dir / "file").createListener("x"), nullptr);
     EXPECT_EQ(testing::readFile(dir / "file"), "keep");
@@ -129,25 +121,20 @@ TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
     };
     const FormIdentity me = linux_backend::ownFormIdentity().value();
     const Dictionary atLimit = requestOfSize(UnixMessageService::kMaxDatagram);
+    // Garbage and forms naming another pid are the end-to-end tests'; forms
+    // of this process with another uid or start time, and other lengths
+    // (the daemon's to refuse), are not.
     std::vector<std::pair<plist::Bytes, std::optional<Dictionary>>> cases = {
         {binary(withForm(formValue(me))), withForm(formValue(me))},
-        {plist::encode(Value(withForm(Value::data({}))), plist::Format::Xml).value(), std::nullopt},
         {plist::encode(Value(plist::Array{Value("list")}), plist::Format::Binary).value(),
          std::nullopt},
-        {{}, std::nullopt},
-        {{'b', 'p', 'l', 'i', 's', 't', '0', '0', 1}, std::nullopt},
         {binary(atLimit), atLimit},
         {binary(requestOfSize(UnixMessageService::kMaxDatagram + 1)), Dictionary{}},
+        {binary(withForm(formValue({me.pid, kNobody, me.startTime}))), withForm(Value::data({}))},
+        {binary(withForm(formValue({me.pid, me.uid, me.startTime + 1}))),
+         withForm(Value::data({}))},
+        {binary(withForm(Value::data({1, 2}))), withForm(Value::data({1, 2}))},
     };
-    // Forms of this process with another pid, uid or start time; other
-    // lengths are the daemon's to refuse.
-    const auto ppid = static_cast<std::uint32_t>(::getppid());
-    for (const FormIdentity& forged :
-         {FormIdentity{ppid, me.uid, me.startTime}, FormIdentity{me.pid, kNobody, me.startTime},
-          FormIdentity{me.pid, me.uid, me.startTime + 1}}) {
-        cases.emplace_back(binary(withForm(formValue(forged))), withForm(Value::data({})));
-    }
-    cases.emplace_back(binary(withForm(Value::data({1, 2}))), withForm(Value::data({1, 2})));
 
     UniqueFd client = connectTo(path);
     for (const auto& [bytes, expected] : cases) {

@@ -22,23 +22,18 @@ class AppFateTest : public testing::DaemonFixture {
 
 TEST_F(AppFateTest, UnfinishedPromotionIsCleanedUpAtStart) {
     prefs.setServiceEnabled("a", true);
-    prefs.setServiceEnabled("b", false);
     prefs.setActivePromotionType("updatable");
     prefs.savePreviouslyEnabledServices();
-    prefs.setServiceEnabled("c", true);
     supervisor.checkForActivePromotion();
     EXPECT_EQ(t.log.lines(), (std::vector<std::string>{"WARNING: Incomplete promotion detected."}));
-    EXPECT_FALSE(exists(t.paths.setupDoneMarker()));
     EXPECT_FALSE(prefs.activePromotionType());
-    EXPECT_FALSE(prefs.serviceIsEnabled("c"));
-    EXPECT_TRUE(prefs.serviceIsPreviouslyEnabled("a"));
     EXPECT_FALSE(t.process.exitStatus);
 
-    // Begun on a machine never set up: the daemon removes itself.
+    // Begun on a machine never set up: the daemon removes itself, its own job
+    // last, after the two seconds the clean-up job is given.
     prefs.setActivePromotionType("unconfigured");
     EXPECT_THROW(supervisor.checkForActivePromotion(), testing::ProcessExited);
     EXPECT_EQ(t.process.exitStatus, 0);
-    EXPECT_FALSE(prefs.previouslyEnabledServices());
     EXPECT_TRUE(t.serviceManager.isLoaded("com.orvane.tessaryd.UninstallExtras"));
     EXPECT_FALSE(exists(t.paths.installedDaemon()));
     EXPECT_FALSE(exists(t.paths.daemonJobDefinition()));
@@ -63,17 +58,8 @@ TEST_F(AppFateTest, UpdateCheckParksServicesAfterAnAppChange) {
     EXPECT_TRUE(prefs.serviceIsPreviouslyEnabled("com.orvane.tessaryadmind.backend"));
 }
 
-TEST_F(AppFateTest, SelfUpdateReplacesTheExecutableOrDemotes) {
-    testing::writeFile(t.paths.appDaemonCopy(), "new daemon");
-    supervisor.update();
-    EXPECT_TRUE(t.log.empty());  // deferred to the next turn
-    EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
-    EXPECT_EQ(t.process.exitStatus, 0);
-    EXPECT_EQ(testing::readFile(t.paths.installedDaemon()), "new daemon");
-    EXPECT_FALSE(exists(t.paths.setupDoneMarker()));
-    EXPECT_TRUE(t.serviceManager.isLoaded("com.orvane.tessaryd.killallTessaryApps"));
-}
-
+// The self-update that works is the end-to-end tests' (the app replaced);
+// here, the one that fails.
 TEST_F(AppFateTest, FailedSelfUpdateSaysWhyAndDemotes) {
     t.files.fail(FaultyFileOperations::Op::Remove, EROFS);
     supervisor.update();
@@ -105,9 +91,6 @@ TEST_F(AppFateTest, NoticesAndWhenTheFirstIsHeldBack) {
     EXPECT_TRUE(supervisor.avoidShowingAlert());  // no file manager
     t.runningApplications.apps->push_back({2, "com.orvane.trovel"});
     EXPECT_FALSE(supervisor.avoidShowingAlert());
-    t.runningApplications.menuBarOwner = RunningApplication{3, "com.orvane.Movanta"};
-    EXPECT_TRUE(supervisor.avoidShowingAlert());
-    t.runningApplications.menuBarOwner.reset();
     t.runningApplications.frontmost = RunningApplication{3, "com.orvane.Movanta"};
     EXPECT_TRUE(supervisor.avoidShowingAlert());
 
@@ -140,36 +123,23 @@ class PromotionTest : public testing::DaemonFixture {
     TYSupervisorPreferences& prefs = supervisor.preferences();
 };
 
-TEST_F(PromotionTest, PromotionThatEnds) {
-    EXPECT_EQ(command("beginPromotion", {}, true).code, 0);  // senderPID is always added
-    EXPECT_EQ(prefs.activePromotionType().value(), Value("unconfigured"));
+// Promotions that end and that are abandoned run against the real daemon in
+// the end-to-end tests; here, what only the doubles see.
+TEST_F(PromotionTest, PromotionHoldsThePowerAssertionAndWatchesItsClient) {
+    EXPECT_EQ(command("beginPromotion").code, 0);  // senderPID is always added
     EXPECT_NE(supervisor.powerAssertion(), 0U);
     EXPECT_TRUE(t.serviceManager.isLoaded("com.orvane.tessaryadmind.backend"));
     EXPECT_EQ(t.exitWatch.watchCount(kClientPid), 1U);
-
-    prefs.setServiceEnabled("svc", true);
-    prefs.savePreviouslyEnabledServices();
-    const auto end = command("endPromotion");
-    EXPECT_EQ(end.code, 0);
-    EXPECT_TRUE(std::filesystem::exists(t.paths.setupDoneMarker()));
-    EXPECT_FALSE(prefs.activePromotionType());
+    EXPECT_EQ(command("endPromotion").code, 0);
     EXPECT_TRUE(t.powerAssertions.held.empty());
-    EXPECT_TRUE(prefs.serviceIsEnabled("svc"));
-    EXPECT_TRUE(t.serviceManager.isLoaded("svc"));
+    t.exitWatch.exit(kClientPid);  // gone after the end: nothing more happens
+    EXPECT_EQ(t.exitWatch.watchCount(kClientPid), 0U);
     ASSERT_EQ(t.backupExclusion.calls.size(), 1U);
     EXPECT_EQ(t.backupExclusion.calls[0].path, "/private/var/db/.TessarySetupDone");
 
-    // The client leaving afterwards ends nothing; its watch goes away.
-    t.exitWatch.exit(kClientPid);
-    EXPECT_FALSE(t.process.exitStatus);
-    EXPECT_EQ(t.exitWatch.watchCount(kClientPid), 0U);
-
-    // One that leaves before the end ends the daemon, the promotion left for
-    // the next start to clean up.
     EXPECT_EQ(command("beginPromotion").code, 0);
     EXPECT_THROW(t.exitWatch.exit(kClientPid), testing::ProcessExited);
     EXPECT_EQ(t.log.lines().back(), "WARNING: Client 4242 exited before promotion ended.");
-    EXPECT_TRUE(prefs.activePromotionType());
 }
 
 TEST_F(PromotionTest, FailuresAndRestoration) {

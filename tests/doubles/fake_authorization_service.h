@@ -33,7 +33,7 @@ class FakeAuthorizationService final : public AuthorizationService {
         std::lock_guard lock(mutex_);
         auto it = forms_.find(form);
         if (it == forms_.end()) {
-            return {importFailureStatus_, nullptr};
+            return {-60001, nullptr};
         }
         auto g = std::make_shared<Grant>();
         g->rights = it->second;
@@ -63,7 +63,6 @@ class FakeAuthorizationService final : public AuthorizationService {
         std::lock_guard lock(mutex_);
         return lastCreateFlags_;
     }
-    int importFailureStatus_ = -60001;
 
   private:
     mutable std::mutex mutex_;

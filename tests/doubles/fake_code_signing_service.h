@@ -24,7 +24,6 @@ class FakeCodeSigningService final : public CodeSigningService {
         std::memcpy(&token, attribute.data(), sizeof token);
         auto code = std::make_unique<Code>();
         std::memcpy(&code->pid, token->data() + 20, sizeof code->pid);
-        lastPid = code->pid;
         return {0, std::move(code)};
     }
     Compiled createRequirement(const std::string& text) override {
@@ -34,12 +33,10 @@ class FakeCodeSigningService final : public CodeSigningService {
         return {0, std::make_unique<Requirement>()};
     }
     int checkValidity(const StaticCode& /*code*/, const CodeRequirement& /*req*/) override {
-        return valid ? 0 : -67050;
+        return 0;
     }
 
     bool resolves = true;
-    bool valid = true;
-    std::int32_t lastPid = 0;
 };
 
 }  // namespace tessary::testing

@@ -25,7 +25,7 @@ class FakeBackupExclusion final : public BackupExclusionService {
   public:
     int setExcluded(std::string_view path, bool exclude, bool byPath) override {
         calls.push_back({std::string(path), exclude, byPath});
-        return result;
+        return 0;
     }
     struct Call {
         std::string path;
@@ -33,7 +33,6 @@ class FakeBackupExclusion final : public BackupExclusionService {
         bool byPath;
     };
     std::vector<Call> calls;
-    int result = 0;
 };
 
 class FakeProductInfo final : public ProductInfo {

@@ -56,17 +56,11 @@ class FakeListener final : public MessageListener {
 
 class FakeMessageService final : public MessageService {
   public:
-    std::unique_ptr<MessageListener> createListener(std::string_view name) override {
-        names.emplace_back(name);
-        if (refuse) {
-            return nullptr;
-        }
+    std::unique_ptr<MessageListener> createListener(std::string_view /*name*/) override {
         auto l = std::make_unique<FakeListener>();
         listener = l.get();
         return l;
     }
-    bool refuse = false;
-    std::vector<std::string> names;
     FakeListener* listener = nullptr;
 };
 

@@ -8,8 +8,7 @@ target_compile_definitions(tessary_install_tests PRIVATE
   TESSARY_INSTALL="$<TARGET_FILE:tessary_install>"
   TESSARYD_GENERATOR="$<TARGET_FILE:tessaryd_generator>"
   APP_BUNDLE="${CMAKE_BINARY_DIR}/Tessary.app"
-  JOB_PLIST="${PROJECT_SOURCE_DIR}/data/com.orvane.tessaryd-Launchd.plist"
-  POLICY="${PROJECT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy")
+  JOB_PLIST="${PROJECT_SOURCE_DIR}/data/com.orvane.tessaryd-Launchd.plist")
 add_dependencies(tessary_install_tests tessary_install tessaryd_generator tessary_app)
 gtest_discover_tests(tessary_install_tests DISCOVERY_TIMEOUT 60 PROPERTIES LABELS unit)
 

@@ -66,16 +66,11 @@ TEST_F(ModelTest, SubmittedDictionaryIsStrippedOverriddenAndPrefixed) {
                                {"OTHER", Value("kept")}}));
     EXPECT_EQ(t.log.entries().front().level, LogLevel::Debug);
     EXPECT_EQ(t.log.lines(), (std::vector<std::string>{"SUBMIT: a"}));
-
-    ServicePtr bare = make(definition("b"));
-    EXPECT_EQ(*jobOf(bare)->dictionary().find("EnvironmentVariables"),
-              Value(Dictionary{{"TESSARY_INSTALL_PATH_PREFIX",
-                                Value("/Applications/Tessary.app/Contents/TessaryRoot")}}));
 }
 
-// A changed override is kept in the preferences; a loaded job is removed and
-// submitted again with it, one that is not loaded is left alone.
-TEST_F(ModelTest, OverridesReachTheServiceManagerOnlyForLoadedJobs) {
+// Overrides reaching a loaded job are the end-to-end tests'; these are the
+// values a job derives.
+TEST_F(ModelTest, ProgramAloneAndEmptyCalendarsLeaveNoKey) {
     ServicePtr programService =
         make(Value(Dictionary{{"Label", Value("p")}, {"Program", Value("/bin/true")}}));
     EXPECT_EQ(jobOf(programService)->programArguments().value(), args({"/bin/true"}));
@@ -85,17 +80,9 @@ TEST_F(ModelTest, OverridesReachTheServiceManagerOnlyForLoadedJobs) {
     ServicePtr service = make(definition("c", {{"StartCalendarInterval", hour}}));
     JobPtr job = jobOf(service);
     EXPECT_EQ(job->startCalendarIntervals(), Value(Array{hour}));
-    job->setStartCalendarIntervals(Value(Array{hour, hour}));
-    EXPECT_EQ(*job->dictionary().find("StartCalendarInterval"), Value(Array{hour, hour}));
     job->setStartCalendarIntervals(Value(Array{}));
     EXPECT_EQ(job->dictionary().find("StartCalendarInterval"), nullptr);
     EXPECT_EQ(prefs.startCalendarIntervalsForServiceJob("c", "c").value(), Value(Array{}));
-    EXPECT_EQ(t.serviceManager.submitCalls(), 0);
-
-    job->submit();
-    job->setProgramArguments(args({"/bin/echo", "new"}));
-    EXPECT_EQ(t.serviceManager.removed(), (std::vector<std::string>{"c"}));
-    EXPECT_EQ(*t.serviceManager.jobFor("c")->find("ProgramArguments"), args({"/bin/echo", "new"}));
 }
 
 TEST_F(ModelTest, PlaceholderJobsNeverReachTheServiceManager) {
@@ -144,7 +131,7 @@ TEST_F(ModelTest, SharedAuthorizationIsMadeOnceAcrossThreadsAndRetriedAfterFailu
     EXPECT_EQ(t.authorization.lastCreateFlags(), kAuthorizationFlagExtendRights);
 }
 
-TEST_F(ModelTest, PredicatesAndComponents) {
+TEST_F(ModelTest, Predicates) {
     ServicePtr s = make(definition("q"));
     EXPECT_TRUE(s->stopable());  // new: loadable, off, not needed
     EXPECT_FALSE(s->startable());
@@ -160,24 +147,6 @@ TEST_F(ModelTest, PredicatesAndComponents) {
     EXPECT_TRUE(transient->stale());
     t.serviceManager.load("tr");
     EXPECT_FALSE(transient->stale());
-
-    // A component list, which no definition fills, still follows its rules:
-    // the first level looks for the service itself, deeper levels ask
-    // whether a component lists itself.
-    ServicePtr part = make(definition("part"));
-    ServicePtr whole = TYSupervisedService::make(supervisor, definition("whole"), {part});
-    EXPECT_TRUE(whole->hasComponentService(*part));
-    EXPECT_FALSE(whole->hasComponentService(*whole));
-    EXPECT_FALSE(part->hasComponentService(*part));
-    supervisor.setServices(std::make_shared<std::vector<ServicePtr>>(std::vector{whole, part}));
-    whole->setOn(true);
-    EXPECT_FALSE(part->needed());
-    t.serviceManager.resetCounters();
-    whole->start();  // starts its components first
-    EXPECT_EQ(t.serviceManager.submitted(), (std::vector<std::string>{"part", "whole"}));
-    whole->stop();  // but stops only its own jobs
-    EXPECT_TRUE(t.serviceManager.isLoaded("part"));
-    EXPECT_FALSE(t.serviceManager.isLoaded("whole"));
 }
 
 TEST_F(ModelTest, SleepFlagsAndTheServicesOwnAssertion) {
@@ -212,34 +181,24 @@ TEST_F(ModelTest, SleepFlagsAndTheServicesOwnAssertion) {
     EXPECT_EQ(t.powerAssertions.released.size(), releasesBefore);
 }
 
-TEST_F(ModelTest, StopMigrateAndReset) {
+TEST_F(ModelTest, StopMigrateAndResetOfAStartedService) {
     ServicePtr s = make(definition("r"));
     s->stop();  // nothing loaded: no removal
     EXPECT_EQ(t.serviceManager.removeCalls(), 0);
     s->migrate();  // removes without asking
     EXPECT_EQ(t.serviceManager.removeCalls(), 1);
 
-    // Reset of a service that is off: overrides gone, job rebuilt, not started.
-    jobOf(s)->setProgramArguments(args({"/bin/echo", "custom"}));
-    s->reset();
-    EXPECT_FALSE(prefs.programArgumentsForServiceJob("r", "r"));
-    EXPECT_EQ(*jobOf(s)->programArguments(), args({"/bin/sleep", "1000"}));
-    EXPECT_FALSE(t.serviceManager.isLoaded("r"));
-
-    // Reset of a started service: stopped, rebuilt without overrides, submitted.
+    // Stopped, rebuilt without its overrides, and submitted again.
     prefs.setServiceEnabled("r", true);
     s->setOn(true);
     jobOf(s)->setProgramArguments(args({"/bin/echo", "custom"}));
     s->start();
-    EXPECT_EQ(*t.serviceManager.jobFor("r")->find("ProgramArguments"),
-              args({"/bin/echo", "custom"}));
     const JobPtr old = jobOf(s);
     s->reset();
     EXPECT_NE(jobOf(s), old);
+    EXPECT_FALSE(prefs.programArgumentsForServiceJob("r", "r"));
     EXPECT_EQ(*t.serviceManager.jobFor("r")->find("ProgramArguments"),
               args({"/bin/sleep", "1000"}));
-    EXPECT_EQ(s->jobWithLabel("r"), jobOf(s));
-    EXPECT_EQ(s->jobWithLabel("R"), nullptr);
 }
 
 }  // namespace
