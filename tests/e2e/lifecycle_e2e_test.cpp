@@ -167,8 +167,11 @@ TEST_F(Lifecycle, C_ReplacedAppUpdatesTheDaemon) {
 
 TEST_F(Lifecycle, D_RemovedAppUninstallsTheDaemon) {
     // A service running a program from inside the bundle keeps the bundle's
-    // directory referenced while it runs; the removal must be seen all the same.
+    // directory referenced while it runs; the removal must be seen all the
+    // same. Its stop takes a second, so the bundle is gone before the stop
+    // of all services that the first sign of removal begins has finished.
     ASSERT_EQ(ask("enable", {{"service", Value("com.example.inside")}}).returnCode, 0);
+    ASSERT_EQ(ask("enable", {{"service", Value("com.example.probe")}}).returnCode, 0);
     ASSERT_TRUE(eventually(
         [] { return run("systemctl --user is-active com.example.inside.service") == "active"; }));
     fs::remove_all(kApp);
@@ -178,7 +181,9 @@ TEST_F(Lifecycle, D_RemovedAppUninstallsTheDaemon) {
     EXPECT_TRUE(eventually([] { return daemonPid() == 0; }, 30s));
     EXPECT_TRUE(eventually(
         [] { return run("systemctl --user is-active com.orvane.tessaryd.service") != "active"; }));
-    EXPECT_NE(run("systemctl --user is-active com.example.inside.service"), "active");
+    for (const char* unit : {"com.example.inside.service", "com.example.probe.service"}) {
+        EXPECT_NE(run(std::string("systemctl --user is-active ") + unit), "active") << unit;
+    }
     EXPECT_FALSE(fs::exists("/Library/Application Support/Orvane/Tessary"));
     // Its own job is gone from the service manager too.
     EXPECT_TRUE(
