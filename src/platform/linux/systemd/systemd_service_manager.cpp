@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -83,6 +84,17 @@ Error unreachable(const std::string& address, int r) {
     return Error::posix(-r, "Unable to connect to the service manager at " + address);
 }
 
+struct UnitState {
+    std::string path;
+    std::string loadState;
+    std::string activeState;
+    // Loaded, or still running from a file that is gone. A unit that failed
+    // and has no file left is only a record of that failure.
+    bool present() const {
+        return loadState == "loaded" || (activeState != "inactive" && activeState != "failed");
+    }
+};
+
 // A connection to the manager as one operation on one thread uses it: its
 // own, or the manager's kept one, borrowed.
 class ManagerBus {
@@ -113,6 +125,32 @@ class ManagerBus {
             return Error::posix(-q, "Unexpected reply loading " + unit);
         }
         return std::string(path);
+    }
+
+    // The manager's view of `unit`, which it loads from its file first if it
+    // does not have it: one call where LoadUnit and two properties take three.
+    Result<UnitState> unitState(const std::string& unit) {
+        SdBusError error;
+        sd_bus_message* raw = nullptr;
+        const int r =
+            sd_bus_call_method(bus_, kDestination, kManagerPath, kManagerInterface,
+                               "ListUnitsByNames", error.get(), &raw, "as", 1, unit.c_str());
+        SdBusMessagePtr reply(raw);
+        if (r < 0) {
+            return busFailure("Unable to load " + unit, r, error);
+        }
+        const char* strings[6] = {};
+        const char* path = nullptr;
+        std::uint32_t jobId = 0;
+        const char* jobType = nullptr;
+        const char* jobPath = nullptr;
+        if (sd_bus_message_enter_container(raw, 'a', "(ssssssouso)") <= 0 ||
+            sd_bus_message_read(raw, "(ssssssouso)", &strings[0], &strings[1], &strings[2],
+                                &strings[3], &strings[4], &strings[5], &path, &jobId, &jobType,
+                                &jobPath) <= 0) {
+            return Error::posix(EBADMSG, "Unexpected reply loading " + unit);
+        }
+        return UnitState{path, strings[2], strings[3]};
     }
 
     Result<std::string> stringProperty(const std::string& path, const char* interface,
@@ -273,35 +311,8 @@ Result<ManagerBus> managerBus(const Result<sd_bus*>& kept, const std::string& ad
                                    : ManagerBus::connect(address);
 }
 
-struct UnitState {
-    std::string path;
-    std::string loadState;
-    std::string activeState;
-    // Loaded, or still running from a file that is gone. A unit that failed
-    // and has no file left is only a record of that failure.
-    bool present() const {
-        return loadState == "loaded" || (activeState != "inactive" && activeState != "failed");
-    }
-};
-
 Result<UnitState> unitState(ManagerBus& bus, const std::string& unit) {
-    auto path = bus.loadUnit(unit);
-    if (!path) {
-        return path.error();
-    }
-    UnitState state;
-    state.path = path.value();
-    auto load = bus.stringProperty(state.path, kUnitInterface, "LoadState");
-    if (!load) {
-        return load.error();
-    }
-    state.loadState = load.value();
-    auto active = bus.stringProperty(state.path, kUnitInterface, "ActiveState");
-    if (!active) {
-        return active.error();
-    }
-    state.activeState = active.value();
-    return state;
+    return bus.unitState(unit);
 }
 
 // Why a start job did not end in "done", with what the manager knows of the
@@ -743,12 +754,11 @@ bool SystemdServiceManager::jobIsEnabled(std::string_view label) {
         if (!connected) {
             return false;
         }
-        auto path = connected.value().loadUnit(serviceUnitName(label));
-        if (path) {
-            auto load = connected.value().stringProperty(path.value(), kUnitInterface, "LoadState");
-            return load.ok() && load.value() == "loaded";
+        auto state = connected.value().unitState(serviceUnitName(label));
+        if (state) {
+            return state.value().loadState == "loaded";
         }
-        if (!connectionLost(path.error())) {
+        if (!connectionLost(state.error())) {
             return false;
         }
     }
