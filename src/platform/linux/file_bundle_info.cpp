@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "base/unique_fd.h"
 #include "plist/codec.h"
@@ -72,28 +74,34 @@ Result<plist::Bytes> sectionOf(int fd, std::uint64_t fileSize, const std::string
             namesIndex = first.sh_link;
         }
     }
-    if (count > fileSize / sizeof(Shdr) || namesIndex >= count) {
+    if (count > fileSize / sizeof(Shdr) || namesIndex >= count ||
+        !within(header.e_shoff, count * sizeof(Shdr), fileSize)) {
         return elfError(path, "section headers outside the file");
     }
-    Shdr names{};
-    if (!sectionHeader(namesIndex, names) || names.sh_type == SHT_NOBITS ||
-        !within(names.sh_offset, names.sh_size, fileSize)) {
+    // The header table and the name table each in one read: the section is
+    // looked up on every status request.
+    std::vector<Shdr> table(static_cast<std::size_t>(count));
+    if (!readAt(fd, header.e_shoff, table.data(), table.size() * sizeof(Shdr))) {
+        return elfError(path, "section headers outside the file");
+    }
+    const Shdr& names = table[static_cast<std::size_t>(namesIndex)];
+    if (names.sh_type == SHT_NOBITS || !within(names.sh_offset, names.sh_size, fileSize) ||
+        names.sh_size > limit) {
+        return elfError(path, "no section names");
+    }
+    std::string nameTable(static_cast<std::size_t>(names.sh_size), '\0');
+    if (!readAt(fd, names.sh_offset, nameTable.data(), nameTable.size())) {
         return elfError(path, "no section names");
     }
 
-    for (std::uint64_t i = 0; i < count; ++i) {
-        Shdr section{};
-        if (!sectionHeader(i, section)) {
-            return elfError(path, "section headers outside the file");
-        }
+    for (const Shdr& section : table) {
         // The name must end inside the name table, with its NUL.
-        if (section.sh_name >= names.sh_size || names.sh_size - section.sh_name <= name.size()) {
+        if (section.sh_name >= nameTable.size() ||
+            nameTable.size() - section.sh_name <= name.size()) {
             continue;
         }
-        char candidate[64];
-        if (name.size() + 1 > sizeof candidate ||
-            !readAt(fd, names.sh_offset + section.sh_name, candidate, name.size() + 1) ||
-            std::string_view(candidate, name.size()) != name || candidate[name.size()] != '\0') {
+        const std::string_view candidate(nameTable.data() + section.sh_name, name.size() + 1);
+        if (candidate.substr(0, name.size()) != name || candidate.back() != '\0') {
             continue;
         }
         if (section.sh_type == SHT_NOBITS ||
