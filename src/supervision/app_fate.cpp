@@ -61,6 +61,9 @@ void TYSupervisor::finishDemotion() {
     (void)files.removeItem(paths.daemonJobDefinition());
     platform_.process.sleepFor(std::chrono::seconds(2));
     (void)files.removeItem(paths.supportDirectory());
+    // The request socket is the daemon's endpoint; it goes with the daemon
+    // rather than stay in /run until the next boot.
+    (void)files.removeItem(paths.requestSocket());
     TYSupervisedJob::removeSupervisorJob(environment_);
     platform_.process.exit(0);
 }

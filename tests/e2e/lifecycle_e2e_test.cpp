@@ -185,6 +185,7 @@ TEST_F(Lifecycle, D_RemovedAppUninstallsTheDaemon) {
         EXPECT_NE(run(std::string("systemctl --user is-active ") + unit), "active") << unit;
     }
     EXPECT_FALSE(fs::exists("/Library/Application Support/Orvane/Tessary"));
+    EXPECT_FALSE(fs::exists(kSocket));
     // Its own job is gone from the service manager too.
     EXPECT_TRUE(
         eventually([] { return !fs::exists("/run/systemd/system/com.orvane.tessaryd.service"); }));
