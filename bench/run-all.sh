@@ -32,6 +32,13 @@ echo "== the daemon in the sandbox, everything pinned to CPU 0"
 taskset -c 0 bash "$here/tests/systemd/with-systemd.sh" --private-run -- \
     bash "$here/bench/daemon-suite.sh" roundtrips "$build" "$out/pinned"
 
+echo "== tessaryctl against systemctl with the three-service app"
+mkdir -p "$out/few"
+bash "$here/tests/systemd/with-systemd.sh" --private-run -- \
+    bash "$here/tests/e2e/daemon-sandbox.sh" "$build/src/tessaryd" "$here/tests/e2e/app" \
+    "$here/data/polkit/com.orvane.tessaryd.policy" -- \
+    bash "$here/bench/switch-few.sh" "$build" >"$out/few/figures"
+
 echo
 python3 "$here/bench/table.py" "$out"
 echo "raw results: $out"

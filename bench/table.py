@@ -80,6 +80,11 @@ for mode in ("unpinned", "pinned"):
     row("3 tessaryctl disable / systemctl stop", mode, switch["tessaryctl_disable"],
         switch["systemctl_stop"], 1.0, "ms", 1e3)
 
+few = figures("few/figures")
+if few.get("switch_few_tessaryctl_us") and few.get("switch_few_systemctl_us"):
+    row("3 enable+disable, 3 services / start+stop", "unpinned", few["switch_few_tessaryctl_us"][0],
+        few["switch_few_systemctl_us"][0], 1.0, "ms", 1e3)
+
 row("4 syncServices 100 off / raw queries", "real systemd",
     median_us(systemd, "BM_SyncHundredOffServices/real_time"),
     median_us(systemd, "BM_RawUnitStateQueries/connection_each:0/real_time"), 1.2, "ms", 1e3)
