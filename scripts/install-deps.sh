@@ -8,7 +8,7 @@ packages=(
   libplist-dev libsystemd-dev systemd
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 clang-format dbus-daemon polkitd
-  clang libclang-rt-14-dev
+  clang clang-tidy libclang-rt-14-dev
   dpkg-dev file psmisc
 )
 

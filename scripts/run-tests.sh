@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Every test tier: formatting, the debug build's tests, the same tests under
+# Every test tier: formatting, the debug build's tests, clang-tidy, the same tests under
 # AddressSanitizer and UndefinedBehaviorSanitizer, the threaded parts under
 # ThreadSanitizer, and each fuzz target for a minute. Exits non-zero on the
 # first failure.
@@ -17,6 +17,11 @@ for preset in debug asan; do
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"
   ctest --preset "$preset" -j2
+  if [[ "$preset" == debug ]]; then
+    echo "== clang-tidy over src and tools"
+    run-clang-tidy -p build/debug -j 2 -quiet "$PWD/src/" "$PWD/tools/" >build/debug/clang-tidy.log 2>&1 \
+      || { grep -E 'error:' build/debug/clang-tidy.log >&2; exit 1; }
+  fi
 done
 
 # The stop of all services runs on worker threads: its tests, and those of

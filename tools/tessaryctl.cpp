@@ -513,6 +513,7 @@ const Command& commandNamed(std::string_view name) {
 // run.
 int runAndWait(std::vector<std::string> command) {
     std::vector<char*> argv;
+    argv.reserve(command.size() + 1);
     for (std::string& a : command) {
         argv.push_back(a.data());
     }

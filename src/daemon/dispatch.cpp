@@ -92,8 +92,10 @@ int TYSupervisor::performRequest(const std::string& command,
         // bytes: the attribute is one machine word.
         AuditAttribute attribute{};
         const AuditToken* tokenAddress = &auditToken;
+        // NOLINTBEGIN(bugprone-sizeof-expression): the pointer's own size is meant
         static_assert(sizeof tokenAddress == sizeof attribute);
         std::memcpy(attribute.data(), &tokenAddress, sizeof tokenAddress);
+        // NOLINTEND(bugprone-sizeof-expression)
         CodeSigningService& codeSigning = platform_.codeSigning;
         auto guest = codeSigning.copyGuestWithAuditAttribute(attribute);
         if (guest.status != 0 || !guest.code) {

@@ -12,17 +12,17 @@ void LogArg::appendTo(std::string& out, char conversion) const {
         out += (*v)->description();
     } else if (const auto* i = std::get_if<long long>(&v_)) {
         if (conversion == 'f') {
-            std::snprintf(buf, sizeof buf, "%f", static_cast<double>(*i));
+            (void)std::snprintf(buf, sizeof buf, "%f", static_cast<double>(*i));
         } else {
-            std::snprintf(buf, sizeof buf, "%lld", *i);
+            (void)std::snprintf(buf, sizeof buf, "%lld", *i);
         }
         out += buf;
     } else {
         const double d = std::get<double>(v_);
         if (conversion == 'd') {
-            std::snprintf(buf, sizeof buf, "%lld", static_cast<long long>(d));
+            (void)std::snprintf(buf, sizeof buf, "%lld", static_cast<long long>(d));
         } else {
-            std::snprintf(buf, sizeof buf, "%f", d);
+            (void)std::snprintf(buf, sizeof buf, "%f", d);
         }
         out += buf;
     }

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "base/malloc_ptr.h"
 #include "base/utf8.h"
 #include "plist/binary_guard.h"
 
@@ -24,10 +25,7 @@ struct NodeFree {
 using NodePtr = std::unique_ptr<std::remove_pointer_t<plist_t>, NodeFree>;
 
 // plist_to_xml and plist_to_bin hand out malloc'd buffers.
-struct MallocFree {
-    void operator()(void* p) const { std::free(p); }  // NOLINT(cppcoreguidelines-no-malloc)
-};
-using BufferPtr = std::unique_ptr<char, MallocFree>;
+using BufferPtr = MallocPtr<char>;
 
 Error decodeError(std::string what) {
     return Error{"TYPropertyListErrorDomain", 3840, std::move(what)};
@@ -132,7 +130,7 @@ Result<Value> fromNode(plist_t node, int depth) {
             Dictionary out;
             plist_dict_iter it = nullptr;
             plist_dict_new_iter(node, &it);
-            std::unique_ptr<void, MallocFree> ownedIter(it);
+            MallocPtr<void> ownedIter(it);
             for (;;) {
                 char* key = nullptr;
                 plist_t item = nullptr;

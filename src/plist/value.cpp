@@ -1,5 +1,6 @@
 #include "plist/value.h"
 
+#include <bit>
 #include <cctype>
 #include <cinttypes>
 #include <cmath>
@@ -137,7 +138,7 @@ std::string formatReal(double d) {
     char buf[40];
     // Shortest text that reads back to the same double.
     for (int precision = 1; precision <= 17; ++precision) {
-        std::snprintf(buf, sizeof buf, "%.*g", precision, d);
+        (void)std::snprintf(buf, sizeof buf, "%.*g", precision, d);
         if (std::strtod(buf, nullptr) == d) {
             break;
         }
@@ -151,7 +152,7 @@ std::string formatDate(Date d) {
     std::tm tm{};
     gmtime_r(&t, &tm);
     char buf[64];
-    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S +0000", &tm);
+    (void)std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S +0000", &tm);
     return buf;
 }
 
@@ -283,7 +284,8 @@ bool operator==(const Value& a, const Value& b) {
             // same value, since no written form keeps a NaN's payload.
             const double x = *a.asReal();
             const double y = *b.asReal();
-            return (std::isnan(x) && std::isnan(y)) || std::memcmp(&x, &y, sizeof x) == 0;
+            return (std::isnan(x) && std::isnan(y)) ||
+                   std::bit_cast<std::uint64_t>(x) == std::bit_cast<std::uint64_t>(y);
         }
         case Value::Type::Date:
             return *a.asDate() == *b.asDate();

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <memory>
 
+#include "base/malloc_ptr.h"
+
 namespace tessary::linux_backend {
 
 namespace {
@@ -14,17 +16,13 @@ constexpr const char* kSeatInterface = "org.freedesktop.login1.Seat";
 constexpr const char* kSessionInterface = "org.freedesktop.login1.Session";
 constexpr const char* kUserInterface = "org.freedesktop.login1.User";
 
-struct FreeString {
-    void operator()(char* s) const { std::free(s); }
-};
-
 std::optional<std::string> stringProperty(sd_bus* bus, const char* path, const char* interface,
                                           const char* name) {
     char* raw = nullptr;
     if (sd_bus_get_property_string(bus, kLogind, path, interface, name, nullptr, &raw) < 0) {
         return std::nullopt;
     }
-    std::unique_ptr<char, FreeString> value(raw);
+    MallocPtr<char> value(raw);
     return std::string(value.get());
 }
 

@@ -59,8 +59,8 @@ std::string temporaryNameFor(const std::string& path) {
     const std::string dir = slash == std::string::npos ? "" : path.substr(0, slash + 1);
     const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
     char suffix[64];
-    std::snprintf(suffix, sizeof suffix, ".%d.%u.%08x", static_cast<int>(::getpid()),
-                  counter.fetch_add(1), rd());
+    (void)std::snprintf(suffix, sizeof suffix, ".%d.%u.%08x", static_cast<int>(::getpid()),
+                        counter.fetch_add(1), rd());
     return dir + "." + base + suffix + ".tmp";
 }
 

@@ -7,7 +7,7 @@
 namespace tessary::linux_backend {
 
 void RealProcessControl::exit(int status) {
-    std::fflush(nullptr);
+    (void)std::fflush(nullptr);
     std::_Exit(status);  // no static destructors: other objects may still be in use
 }
 

@@ -15,7 +15,7 @@ namespace tessary::linux_backend {
 namespace {
 
 // A /proc file is read whole; cgroup files are a few lines.
-constexpr std::size_t kMaxFileSize = 64 * 1024;
+constexpr std::size_t kMaxFileSize = std::size_t{64} * 1024;
 
 std::optional<std::string> readSmallFile(const std::string& path) {
     const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));

@@ -5,14 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "base/malloc_ptr.h"
+
 namespace tessary::linux_backend {
 
 // Owning forms of what sd-bus hands back allocated with malloc: one string,
 // or a NULL-terminated vector of strings.
-struct MallocFree {
-    void operator()(void* p) const { std::free(p); }
-};
-using MallocString = std::unique_ptr<char, MallocFree>;
+using MallocString = MallocPtr<char>;
 
 class MallocStringVector {
   public:
@@ -23,9 +22,9 @@ class MallocStringVector {
     ~MallocStringVector() {
         if (strv_ != nullptr) {
             for (char** s = strv_; *s != nullptr; ++s) {
-                std::free(*s);
+                MallocFree{}(*s);
             }
-            std::free(strv_);
+            MallocFree{}(strv_);
         }
     }
     char*** out() { return &strv_; }

@@ -192,7 +192,7 @@ std::string quotedWord(std::string_view s, bool expandsVariables) {
             default:
                 if (c < 0x20 || c == 0x7F) {
                     char buf[8];
-                    std::snprintf(buf, sizeof buf, "\\x%02x", c);
+                    (void)std::snprintf(buf, sizeof buf, "\\x%02x", c);
                     out += buf;
                 } else {
                     out += ch;
@@ -209,7 +209,7 @@ std::string describeValue(std::string_view s) {
         const auto c = static_cast<unsigned char>(ch);
         if (c < 0x20 || c == 0x7F) {
             char buf[8];
-            std::snprintf(buf, sizeof buf, "\\x%02x", c);
+            (void)std::snprintf(buf, sizeof buf, "\\x%02x", c);
             out += buf;
         } else {
             out += ch;
@@ -245,7 +245,7 @@ std::string escapeUnitNameComponent(std::string_view s) {
             out += static_cast<char>(c);
         } else {
             char buf[8];
-            std::snprintf(buf, sizeof buf, "\\x%02x", c);
+            (void)std::snprintf(buf, sizeof buf, "\\x%02x", c);
             out += buf;
         }
     }
@@ -552,7 +552,7 @@ Status Translator::processSettings() {
             return invalid("Umask must be a mode from 0 to 0777, not " + v->description());
         }
         char buf[8];
-        std::snprintf(buf, sizeof buf, "%04o", static_cast<unsigned>(*mask));
+        (void)std::snprintf(buf, sizeof buf, "%04o", static_cast<unsigned>(*mask));
         service_.add("UMask", buf);
     }
     if (const plist::Value* v = job_.find("Nice")) {
@@ -739,7 +739,7 @@ Status Translator::sockets() {
         socket.add("RemoveOnStop", "yes");
         if (unit.mode) {
             char buf[8];
-            std::snprintf(buf, sizeof buf, "%04o", static_cast<unsigned>(*unit.mode));
+            (void)std::snprintf(buf, sizeof buf, "%04o", static_cast<unsigned>(*unit.mode));
             socket.add("SocketMode", buf);
         }
         if (unit.ipv6Only) {
@@ -805,8 +805,8 @@ Status Translator::timer() {
                     return std::string("*");
                 }
                 char buf[8];
-                std::snprintf(buf, sizeof buf, twoDigits ? "%02lld" : "%lld",
-                              static_cast<long long>(*v));
+                (void)std::snprintf(buf, sizeof buf, twoDigits ? "%02lld" : "%lld",
+                                    static_cast<long long>(*v));
                 return std::string(buf);
             };
             const auto& [minute, hour, day, weekday, month] = fields;
