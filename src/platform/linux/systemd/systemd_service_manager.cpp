@@ -127,30 +127,58 @@ class ManagerBus {
         return std::string(path);
     }
 
-    // The manager's view of `unit`, which it loads from its file first if it
-    // does not have it: one call where LoadUnit and two properties take three.
-    Result<UnitState> unitState(const std::string& unit) {
+    // The manager's view of each of `units`, which it loads from their files
+    // first if it does not have them: one call for all of them, where LoadUnit
+    // and two properties take three for each.
+    Result<std::vector<UnitState>> unitStates(const std::vector<std::string>& units) {
+        const std::string what = units.size() == 1 ? units.front() : "units";
+        sd_bus_message* rawCall = nullptr;
+        int r = sd_bus_message_new_method_call(bus_, &rawCall, kDestination, kManagerPath,
+                                               kManagerInterface, "ListUnitsByNames");
+        SdBusMessagePtr call(rawCall);
+        std::vector<const char*> names;
+        for (const auto& unit : units) {
+            names.push_back(unit.c_str());
+        }
+        names.push_back(nullptr);
+        if (r >= 0) {
+            r = sd_bus_message_append_strv(rawCall, const_cast<char**>(names.data()));
+        }
         SdBusError error;
         sd_bus_message* raw = nullptr;
-        const int r =
-            sd_bus_call_method(bus_, kDestination, kManagerPath, kManagerInterface,
-                               "ListUnitsByNames", error.get(), &raw, "as", 1, unit.c_str());
+        if (r >= 0) {
+            r = sd_bus_call(bus_, rawCall, 0, error.get(), &raw);
+        }
         SdBusMessagePtr reply(raw);
         if (r < 0) {
-            return busFailure("Unable to load " + unit, r, error);
+            return busFailure("Unable to load " + what, r, error);
         }
-        const char* strings[6] = {};
-        const char* path = nullptr;
-        std::uint32_t jobId = 0;
-        const char* jobType = nullptr;
-        const char* jobPath = nullptr;
-        if (sd_bus_message_enter_container(raw, 'a', "(ssssssouso)") <= 0 ||
-            sd_bus_message_read(raw, "(ssssssouso)", &strings[0], &strings[1], &strings[2],
-                                &strings[3], &strings[4], &strings[5], &path, &jobId, &jobType,
-                                &jobPath) <= 0) {
-            return Error::posix(EBADMSG, "Unexpected reply loading " + unit);
+        if (sd_bus_message_enter_container(raw, 'a', "(ssssssouso)") <= 0) {
+            return Error::posix(EBADMSG, "Unexpected reply loading " + what);
         }
-        return UnitState{path, strings[2], strings[3]};
+        std::vector<UnitState> states;
+        for (std::size_t i = 0; i < units.size(); ++i) {
+            const char* strings[6] = {};
+            const char* path = nullptr;
+            std::uint32_t jobId = 0;
+            const char* jobType = nullptr;
+            const char* jobPath = nullptr;
+            if (sd_bus_message_read(raw, "(ssssssouso)", &strings[0], &strings[1], &strings[2],
+                                    &strings[3], &strings[4], &strings[5], &path, &jobId, &jobType,
+                                    &jobPath) <= 0) {
+                return Error::posix(EBADMSG, "Unexpected reply loading " + what);
+            }
+            states.push_back(UnitState{path, strings[2], strings[3]});
+        }
+        return states;
+    }
+
+    Result<UnitState> unitState(const std::string& unit) {
+        auto states = unitStates({unit});
+        if (!states) {
+            return states.error();
+        }
+        return states.value().front();
     }
 
     Result<std::string> stringProperty(const std::string& path, const char* interface,
@@ -405,25 +433,24 @@ bool unitFileExists(const std::string& directory, const std::string& name) {
 Status ensureUnloaded(ManagerBus& bus, const std::vector<std::string>& units) {
     for (int attempt = 0; attempt < 2; ++attempt) {
         bool reload = false;
-        for (const auto& unit : units) {
-            auto path = bus.loadUnit(unit);
-            if (!path) {
-                return path.error();
-            }
-            auto load = bus.stringProperty(path.value(), kUnitInterface, "LoadState");
-            if (!load) {
-                return load.error();
-            }
-            if (load.value() != "loaded") {
+        auto states = units.empty() ? Result<std::vector<UnitState>>(std::vector<UnitState>{})
+                                    : bus.unitStates(units);
+        if (!states) {
+            return states.error();
+        }
+        for (std::size_t i = 0; i < units.size(); ++i) {
+            const std::string& unit = units[i];
+            const UnitState& state = states.value()[i];
+            if (state.loadState != "loaded") {
                 continue;
             }
             auto stale =
-                bus.trivialProperty<int>(path.value(), kUnitInterface, "NeedDaemonReload", 'b');
+                bus.trivialProperty<int>(state.path, kUnitInterface, "NeedDaemonReload", 'b');
             if (stale.ok() && stale.value() != 0 && attempt == 0) {
                 reload = true;
                 continue;
             }
-            auto fragment = bus.stringProperty(path.value(), kUnitInterface, "FragmentPath");
+            auto fragment = bus.stringProperty(state.path, kUnitInterface, "FragmentPath");
             return Error{kDomain, EBUSY,
                          "The service manager still has " + unit + " loaded after removal" +
                              (fragment.ok() ? " (from '" + fragment.value() + "')" : "")};
@@ -642,20 +669,23 @@ Status SystemdServiceManager::removeJob(std::string_view label,
 
     // The job's units: its service and whatever triggers it (its sockets and
     // timer), plus the names those usually have, should the service be gone.
-    auto serviceState = unitState(bus, service);
-    if (!serviceState) {
-        return serviceState.error();
+    const std::string socket = std::string(label) + ".socket";
+    const std::string timer = std::string(label) + ".timer";
+    auto usual = bus.unitStates({service, socket, timer});
+    if (!usual) {
+        return usual.error();
     }
+    const UnitState serviceState = usual.value()[0];
+    std::map<std::string, UnitState> known{{socket, usual.value()[1]}, {timer, usual.value()[2]}};
     std::vector<std::string> triggers;
-    if (serviceState.value().loadState == "loaded") {
-        auto by = bus.stringsProperty(serviceState.value().path, kUnitInterface, "TriggeredBy");
+    if (serviceState.loadState == "loaded") {
+        auto by = bus.stringsProperty(serviceState.path, kUnitInterface, "TriggeredBy");
         if (!by) {
             return by.error();
         }
         triggers = by.value();
     }
-    for (const char* suffix : {".socket", ".timer"}) {
-        const std::string name = std::string(label) + suffix;
+    for (const std::string& name : {socket, timer}) {
         if (std::find(triggers.begin(), triggers.end(), name) == triggers.end()) {
             triggers.push_back(name);
         }
@@ -663,7 +693,8 @@ Status SystemdServiceManager::removeJob(std::string_view label,
     std::vector<std::string> presentTriggers;
     std::vector<std::string> files;
     for (const auto& unit : triggers) {
-        auto state = unitState(bus, unit);
+        auto it = known.find(unit);
+        auto state = it != known.end() ? Result<UnitState>(it->second) : unitState(bus, unit);
         if (!state) {
             return state.error();
         }
@@ -674,7 +705,7 @@ Status SystemdServiceManager::removeJob(std::string_view label,
             files.push_back(unit);
         }
     }
-    const bool servicePresent = serviceState.value().present();
+    const bool servicePresent = serviceState.present();
     if (servicePresent || unitFileExists(options_.unitDirectory, service)) {
         files.push_back(service);
     }
