@@ -15,13 +15,17 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "client/tessary_client.h"
+#include "platform/linux/file_bundle_info.h"
 #include "platform/linux/peer_identity.h"
 #include "platform/linux/sd_handles.h"
+#include "plist/codec.h"
 
 extern char** environ;
 
@@ -74,6 +78,36 @@ BENCHMARK_CAPTURE(BM_DaemonRoundTrip, list, std::string("list"))
     ->UseRealTime();
 
 // Echo: a request of `request` bytes, answered with `reply` bytes.
+// What a "status" request must read, each time, without the round trip:
+// the preferences file twice (two of its four facts), the setup marker, the
+// installed daemon's information and the app's, and the sender's /proc
+// entries that the code-signing check resolves.
+void BM_StatusReadsAlone(benchmark::State& state) {
+    linux_backend::FileBundleInfo info;
+    const auto readAll = [](const char* path) {
+        std::ifstream in(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    };
+    for (auto _ : state) {
+        for (int i = 0; i < 2; ++i) {
+            const std::string prefs = readAll("/Library/Tessary/Setup/com.orvane.tessaryd.plist");
+            benchmark::DoNotOptimize(plist::decode(std::string_view(prefs)));
+        }
+        benchmark::DoNotOptimize(::access("/var/db/.TessarySetupDone", F_OK));
+        benchmark::DoNotOptimize(
+            info.infoDictionary("/Library/PrivilegedHelperTools/com.orvane.tessaryd"));
+        benchmark::DoNotOptimize(info.infoDictionary("/Applications/Tessary.app"));
+        benchmark::DoNotOptimize(readAll("/proc/self/stat"));
+        char exe[4096];
+        benchmark::DoNotOptimize(::readlink("/proc/self/exe", exe, sizeof exe));
+    }
+}
+BENCHMARK(BM_StatusReadsAlone)
+    ->Unit(benchmark::kMicrosecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly()
+    ->UseRealTime();
+
 void BM_SeqpacketEcho(benchmark::State& state) {
     const auto requestSize = static_cast<std::size_t>(state.range(0));
     const auto replySize = static_cast<std::size_t>(state.range(1));

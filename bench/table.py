@@ -70,6 +70,9 @@ for mode in ("unpinned", "pinned"):
     row("2 list (100 services) / polkit+echo", mode,
         median_us(d, "BM_DaemonRoundTrip/list/real_time"),
         polkit + echo_list if polkit is not None and echo_list is not None else None, 1.2)
+    reads = median_us(d, "BM_StatusReadsAlone/real_time")
+    rows.append(("  (status's own reads alone)", mode, f"{reads:.1f} µs" if reads else "n/a",
+                 "", "", "", ""))
     rows.append(("  (polkit CheckAuthorization alone)", mode,
                  f"{polkit:.1f} µs" if polkit else "n/a", "", "", "", ""))
     switch = {k: median_us(d, f"BM_Switch/{k}/iterations:1/real_time")
