@@ -137,6 +137,7 @@ class ManagerBus {
                                                kManagerInterface, "ListUnitsByNames");
         SdBusMessagePtr call(rawCall);
         std::vector<const char*> names;
+        names.reserve(units.size() + 1);
         for (const auto& unit : units) {
             names.push_back(unit.c_str());
         }
@@ -157,6 +158,7 @@ class ManagerBus {
             return Error::posix(EBADMSG, "Unexpected reply loading " + what);
         }
         std::vector<UnitState> states;
+        states.reserve(units.size());
         for (std::size_t i = 0; i < units.size(); ++i) {
             const char* strings[6] = {};
             const char* path = nullptr;
