@@ -37,7 +37,8 @@ enabled_services() {
 print("\n".join(sorted(plistlib.load(open(sys.argv[1], "rb")).get("enabledServices", []))))' "$prefs"
 }
 
-"$client" 8 400 --survive-restarts >"$work/owed" 2>"$work/client.log" &
+# Enough requests to keep the clients busy through every kill.
+"$client" 8 $((kills * 40 > 400 ? kills * 40 : 400)) --survive-restarts >"$work/owed" 2>"$work/client.log" &
 load=$!
 for i in $(seq "$kills"); do
     sleep "0.$((RANDOM % 9 + 1))"
