@@ -13,7 +13,6 @@
 
 #include "base/malloc_ptr.h"
 #include "base/utf8.h"
-#include "plist/binary_guard.h"
 
 namespace tessary::plist {
 
@@ -34,25 +33,6 @@ Error encodeError(std::string what) {
     return Error{"TYPropertyListErrorDomain", 3851, std::move(what)};
 }
 
-bool isBinary(std::string_view bytes) {
-    return bytes.substr(0, 8) == "bplist00";
-}
-
-// libplist accepts some XML documents cut short inside their last closing
-// tag. A complete document ends with "</plist>" and white space only.
-bool xmlIsComplete(std::string_view text) {
-    std::size_t end = text.size();
-    while (end > 0) {
-        const char c = text[end - 1];
-        if (c != ' ' && c != '\t' && c != '\r' && c != '\n' && c != '\0') {
-            break;
-        }
-        --end;
-    }
-    constexpr std::string_view kClose = "</plist>";
-    return end >= kClose.size() && text.substr(end - kClose.size(), kClose.size()) == kClose;
-}
-
 // libplist 2.2 keeps every integer as 64 bits and marks the ones read as
 // unsigned 128-bit values internally without saying so through its API; its
 // XML writer shows the mark as a missing minus sign.
@@ -68,7 +48,7 @@ bool nodeIsUnsigned(plist_t node) {
     return std::string_view(xml, len).find("<integer>-") == std::string_view::npos;
 }
 
-Result<Value> fromNode(plist_t node, int depth) {
+Result<Value> fromNode(plist_t node, int depth, Strings strings) {
     if (depth > kMaxNesting) {
         return decodeError("property list nested too deeply");
     }
@@ -96,7 +76,7 @@ Result<Value> fromNode(plist_t node, int depth) {
             std::uint64_t len = 0;
             const char* p = plist_get_string_ptr(node, &len);
             std::string s(p != nullptr ? p : "", p != nullptr ? len : 0);
-            if (!isValidUtf8(s)) {
+            if (strings == Strings::Utf8Only && !isValidUtf8(s)) {
                 return decodeError("property list holds a string that is not UTF-8");
             }
             return Value(std::move(s));
@@ -118,7 +98,7 @@ Result<Value> fromNode(plist_t node, int depth) {
             const std::uint32_t n = plist_array_get_size(node);
             out.reserve(n);
             for (std::uint32_t i = 0; i < n; ++i) {
-                auto item = fromNode(plist_array_get_item(node, i), depth + 1);
+                auto item = fromNode(plist_array_get_item(node, i), depth + 1, strings);
                 if (!item) {
                     return item.error();
                 }
@@ -139,10 +119,10 @@ Result<Value> fromNode(plist_t node, int depth) {
                 if (item == nullptr) {
                     break;
                 }
-                if (key == nullptr || !isValidUtf8(key)) {
+                if (key == nullptr || (strings == Strings::Utf8Only && !isValidUtf8(key))) {
                     return decodeError("property list holds a key that is not UTF-8");
                 }
-                auto v = fromNode(item, depth + 1);
+                auto v = fromNode(item, depth + 1, strings);
                 if (!v) {
                     return v.error();
                 }
@@ -235,20 +215,17 @@ Result<NodePtr> toNode(const Value& v, int depth) {
 
 }  // namespace
 
-Result<Value> decode(std::string_view bytes) {
+Result<Value> decode(std::string_view bytes, const Budget& budget, Strings strings) {
     if (bytes.empty()) {
         return decodeError("no property list: the data is empty");
     }
     if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
         return decodeError("property list too large");
     }
-    const bool binary = isBinary(bytes);
-    if (!binary && !xmlIsComplete(bytes)) {
-        return decodeError("not a property list: XML document incomplete or not a plist");
+    if (std::string why = overBudget(bytes, budget); !why.empty()) {
+        return decodeError(std::move(why));
     }
-    if (binary && binaryListHasNulInString(bytes)) {
-        return decodeError("binary property list holds a string with a NUL character");
-    }
+    const bool binary = bytes.substr(0, 8) == "bplist00";
     plist_t root = nullptr;
     plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &root);
     NodePtr owned(root);
@@ -256,11 +233,12 @@ Result<Value> decode(std::string_view bytes) {
         return decodeError(binary ? "binary property list is damaged"
                                   : "XML property list does not parse");
     }
-    return fromNode(root, 0);
+    return fromNode(root, 0, strings);
 }
 
-Result<Value> decode(std::span<const std::uint8_t> bytes) {
-    return decode(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+Result<Value> decode(std::span<const std::uint8_t> bytes, const Budget& budget, Strings strings) {
+    return decode(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()),
+                  budget, strings);
 }
 
 Result<Bytes> encode(const Value& value, Format format) {

@@ -1,11 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <variant>
+
 #include "plist/codec.h"
+#include "support/handmade_plist.h"
 #include "support/python.h"
 
 namespace tessary::plist {
 namespace {
 
+using testing::HandMadeList;
 using testing::readFile;
 using testing::runPython;
 using testing::TempDir;
@@ -89,14 +93,11 @@ TEST(PlistCodec, RefusesCutShortListsAndKeysLibplistCannotTake) {
     }
     // A well-formed list whose one dictionary key holds a NUL: libplist
     // aborts on such a key, so it must be refused before libplist sees it.
-    std::string nulKey(
-        "bplist00\xD1\x01\x02\x53"
-        "a\0b"
-        "\x10\x01\x08\x0B\x0F",
-        20);
-    nulKey += std::string(6, '\0') + "\x01\x01" + std::string(7, '\0') + "\x03" +
-              std::string(15, '\0') + "\x11";  // the trailer: 3 objects, table at 17
-    EXPECT_FALSE(decodeText(nulKey).ok());
+    HandMadeList nulKey;
+    nulKey.add(nulKey.dictionary({{1, 2}}));
+    nulKey.add(HandMadeList::string(std::string("a\0b", 3)));
+    nulKey.add(HandMadeList::string("v"));
+    EXPECT_FALSE(decodeText(nulKey.bytes()).ok());
 }
 
 TEST(PlistCodec, RefusesWhatTheFormsCannotHold) {
@@ -119,6 +120,90 @@ TEST(PlistCodec, RefusesWhatTheFormsCannotHold) {
     auto r = decodeText(deepXml + "</plist>");
     ASSERT_FALSE(r.ok());
     EXPECT_NE(r.error().description.find("nested"), std::string::npos);
+}
+
+// A list of hand-made objects, one-byte references.
+// Objects whose containers refer to others by index, one-byte references.
+std::string listOf(const std::vector<std::variant<std::vector<int>, std::string>>& objects) {
+    HandMadeList l;
+    for (const auto& o : objects) {
+        l.add(o.index() == 0 ? l.array(std::get<0>(o)) : HandMadeList::string(std::get<1>(o)));
+    }
+    return l.bytes();
+}
+
+// libplist builds a shared object once per reference: the budget counts it
+// so, and refuses before anything is built.
+TEST(PlistBudget, CountsSharedObjectsOncePerReference) {
+    // [[ab, ab], [ab, ab]] out of three objects: 7 values, 4 strings of 3
+    // bytes each as libplist holds them, two levels.
+    const std::string shared = listOf({std::vector{1, 1}, std::vector{2, 2}, "ab"});
+    const Budget exact{.maxNodes = 7, .maxBytes = 12, .maxDepth = 2, .maxItemBytes = 2};
+    auto r = decode(std::string_view(shared), exact);
+    ASSERT_TRUE(r.ok()) << r.error().description;
+    const Value pair(Array{Value("ab"), Value("ab")});
+    EXPECT_EQ(r.value(), Value(Array{pair, pair}));
+    for (std::size_t Budget::*limit :
+         {&Budget::maxNodes, &Budget::maxBytes, &Budget::maxDepth, &Budget::maxItemBytes}) {
+        Budget less = exact;
+        --(less.*limit);
+        EXPECT_FALSE(decode(std::string_view(shared), less).ok());
+    }
+
+    // A shared array met first near the top and again lower down nests
+    // deeper the second time: [[x], [[x]]] is three levels.
+    const std::string deeperLater =
+        listOf({std::vector{2, 1}, std::vector{2}, std::vector{3}, "x"});
+    Budget levels = kRequestBudget;
+    levels.maxDepth = 2;
+    EXPECT_FALSE(decode(std::string_view(deeperLater), levels).ok());
+    levels.maxDepth = 3;
+    EXPECT_TRUE(decode(std::string_view(deeperLater), levels).ok());
+
+    // Loops, direct and through another object, are refused.
+    for (const std::string& loop :
+         {listOf({std::vector{0}}), listOf({std::vector{1}, std::vector{0}})}) {
+        auto looped = decode(std::string_view(loop), kRequestBudget);
+        ASSERT_FALSE(looped.ok());
+        EXPECT_NE(looped.error().description.find("refers to itself"), std::string::npos);
+    }
+
+    // Two references a level, 24 levels: 2^25 values out of under 200 bytes;
+    // and a chain too deep for libplist's recursion.
+    for (const std::string& hostile :
+         {HandMadeList::referenceBomb(24), HandMadeList::deepChain(40000)}) {
+        auto refused = decode(std::string_view(hostile), kFileBudget);
+        ASSERT_FALSE(refused.ok());
+        EXPECT_NE(refused.error().description.find("more than"), std::string::npos);
+    }
+}
+
+// Comments, processing instructions and a document type are read wherever
+// XML allows them; strings that are not UTF-8 are kept only where the caller
+// asks.
+TEST(PlistBudget, XmlFormsAndStringsThatAreNotUtf8) {
+    const std::string trailing =
+        "<?xml version=\"1.0\"?>\n<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+        "\"x\">\n<plist version=\"1.0\"><dict><!-- a > b --><key>k</key>"
+        "<string><![CDATA[<x>]]></string></dict></plist>\n<!-- edited by hand -->\n<?pi?>\n";
+    auto r = decodeText(trailing);
+    ASSERT_TRUE(r.ok()) << r.error().description;
+    EXPECT_EQ(r.value(), Value(Dictionary{{"k", Value("<x>")}}));
+    for (const char* bad : {"<plist><string>x</string></plist><string>y</string>",
+                            "<plist><string>x</string></plist> text", "<dict></dict>",
+                            "<plist><string>x</string>", "<plist><string>x</string></plist"}) {
+        EXPECT_FALSE(decodeText(bad).ok()) << bad;
+    }
+    EXPECT_FALSE(decodeText(testing::deepXml(40000)).ok());
+
+    HandMadeList latin1;
+    latin1.add(latin1.dictionary({{1, 2}}));
+    latin1.add(HandMadeList::string("k"));
+    latin1.add(HandMadeList::string("\xE9t"));
+    EXPECT_FALSE(decode(std::string_view(latin1.bytes())).ok());
+    auto kept = decode(std::string_view(latin1.bytes()), kRequestBudget, Strings::KeepInvalid);
+    ASSERT_TRUE(kept.ok()) << kept.error().description;
+    EXPECT_EQ(*kept.value().stringAt("k"), "\xE9t");
 }
 
 TEST(PlistValue, BooleanReadingAndDescription) {
