@@ -14,6 +14,9 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -26,6 +29,7 @@
 #include "platform/linux/peer_identity.h"
 #include "platform/linux/sd_handles.h"
 #include "plist/codec.h"
+#include "support/hostile_clients.h"
 
 extern char** environ;
 
@@ -75,6 +79,73 @@ BENCHMARK_CAPTURE(BM_DaemonRoundTrip, list, std::string("list"))
     ->Unit(benchmark::kMicrosecond)
     ->Repetitions(5)
     ->ReportAggregatesOnly()
+    ->UseRealTime();
+
+// Root's "status", each on a connection of its own as tessaryctl sends it,
+// with nothing else going on (0) and while an unprivileged user floods the
+// daemon (1): one connection sends "list" without pause, each refused by
+// polkit (the costliest thing such a user can ask for), another sends and
+// never reads its replies. Median and 99th percentile of the round trips,
+// as counters.
+void BM_StatusBesideFlood(benchmark::State& state) {
+    constexpr uid_t kNobody = 65534;
+    std::vector<std::unique_ptr<testing::HostileChild>> flood;
+    if (state.range(0) == 1) {
+        flood.push_back(std::make_unique<testing::HostileChild>(kNobody, 64, [](int out, int) {
+            testing::RawConnection c(kSocket);
+            const plist::Bytes list = client::encodeRequest(requestFor("list")).value();
+            testing::HostileChild::say(out, "ready\n");
+            for (int inFlight = 0;;) {
+                while (inFlight < 32 && c.send(list)) {
+                    ++inFlight;
+                }
+                if (auto reply = c.receive(std::chrono::seconds(5)); !reply || reply->empty()) {
+                    return;
+                }
+                --inFlight;
+            }
+        }));
+        flood.push_back(std::make_unique<testing::HostileChild>(kNobody, 64, [](int out, int) {
+            testing::RawConnection c(kSocket);
+            const plist::Bytes status = client::encodeRequest(requestFor("status")).value();
+            testing::HostileChild::say(out, "ready\n");
+            for (;;) {
+                (void)c.send(status);  // blocks once the daemon stops reading
+            }
+        }));
+        for (auto& child : flood) {
+            (void)child->report();
+        }
+    }
+    std::vector<double> micros;
+    const client::Request status = requestFor("status");
+    for (auto _ : state) {
+        const auto start = std::chrono::steady_clock::now();
+        auto reply = client::sendRequest(kSocket, status, std::chrono::seconds(20));
+        if (!reply || reply.value().returnCode != 0) {
+            state.SkipWithError("status failed");
+            break;
+        }
+        micros.push_back(
+            std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
+                .count());
+    }
+    for (auto& child : flood) {
+        ::kill(child->pid(), SIGKILL);
+        child->end();
+    }
+    if (!micros.empty()) {
+        std::sort(micros.begin(), micros.end());
+        state.counters["p50_us"] = micros[micros.size() / 2];
+        state.counters["p99_us"] = micros[micros.size() * 99 / 100];
+    }
+}
+BENCHMARK(BM_StatusBesideFlood)
+    ->ArgName("flood")
+    ->Arg(0)
+    ->Arg(1)
+    ->Iterations(2000)
+    ->Unit(benchmark::kMicrosecond)
     ->UseRealTime();
 
 // Echo: a request of `request` bytes, answered with `reply` bytes.

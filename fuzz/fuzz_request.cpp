@@ -48,7 +48,9 @@ struct World {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static World w;
     PeerEvent event;
-    auto decoded = plist::decode(std::span<const std::uint8_t>(data, size));
+    // As the request socket decodes a datagram.
+    auto decoded = plist::decode(std::span<const std::uint8_t>(data, size), plist::kRequestBudget,
+                                 plist::Strings::KeepInvalid);
     if (decoded && decoded.value().isDictionary()) {
         event.kind = PeerEvent::Kind::Message;
         AuditToken token{};

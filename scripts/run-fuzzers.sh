@@ -2,7 +2,9 @@
 # Builds the libFuzzer targets (clang, ASan+UBSan) and runs each for SECONDS
 # (default 60) from its seed corpus in fuzz/corpus. New inputs go to a
 # scratch corpus, not into the repository; a crash leaves its input in
-# build/fuzz/artifacts and fails the run.
+# build/fuzz/artifacts and fails the run. Each input has a memory and a time
+# limit, so an input that makes the decoder build without end is a finding;
+# the seeds hold shared references, loops and deep nestings to start from.
 #   bash scripts/run-fuzzers.sh [SECONDS]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -18,7 +20,8 @@ for target in build/fuzz/fuzz/fuzz_*; do
     seeds="fuzz/corpus/${name#fuzz_}"
     scratch="$(mktemp -d)"
     echo "== $name for ${seconds}s"
-    "$target" -max_total_time="$seconds" -print_final_stats=1 -artifact_prefix="$artifacts/$name-" \
+    "$target" -max_total_time="$seconds" -rss_limit_mb=1024 -timeout=10 -print_final_stats=1 \
+        -artifact_prefix="$artifacts/$name-" \
         "$scratch" "$seeds" 2>&1 | grep -E '^(stat::number_of_executed_units|Done|==[0-9]+==|SUMMARY)' || true
     status="${PIPESTATUS[0]}"
     rm -rf "$scratch"

@@ -1,6 +1,10 @@
 // The daemon's entry point: builds the Linux backends of every role on the
 // fixed paths, makes the one supervisor, starts it, and runs the main loop.
 // It reads no options and no environment.
+#include <sys/resource.h>
+
+#include <cerrno>
+
 #include "daemon/supervisor.h"
 #include "platform/linux/absent_facilities.h"
 #include "platform/linux/desktop_notices.h"
@@ -30,11 +34,27 @@ namespace {
 // service manager puts it first on the PATH of the jobs it submits.
 constexpr const char* kHelperBinDirectory = "/usr/lib/tessary/bin";
 
+// The service manager gives a service a soft limit of 1,024 descriptors. The
+// request channel's own caps, not the kernel, must decide when a flood of
+// connections is refused, so the soft limit goes up to the hard one.
+void raiseDescriptorLimit(SystemLog& log) {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) {
+        return;
+    }
+    limit.rlim_cur = limit.rlim_max;
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        log.warning("WARNING: Unable to raise the descriptor limit: %@",
+                    Error::posix(errno, "setrlimit"));
+    }
+}
+
 }  // namespace
 
 int main() {
     const Paths paths("/");
     SyslogSystemLog log;
+    raiseDescriptorLimit(log);
     RealProcessControl process;
     SdEventQueue queue;
     if (!queue.valid()) {
@@ -48,7 +68,7 @@ int main() {
         log);
     PolkitAuthorizationService authorization;
     ProcCodeSigningService codeSigning;
-    UnixMessageService messages(queue, paths.requestSocket());
+    UnixMessageService messages(queue, log, paths.requestSocket());
     FileProductInfo productInfo(paths.resolve(FileProductInfo::kVersionFile),
                                 paths.resolve(FileProductInfo::kMinimumVersionFile));
     FileBundleInfo bundleInfo;

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "backends/event_loop.h"
+#include "doubles/recording_system_log.h"
 #include "base/unique_fd.h"
 #include "platform/linux/peer_identity.h"
 #include "platform/linux/unix_message_service.h"
@@ -91,7 +92,8 @@ class MessageServiceTest : public ::testing::Test {
     testing::TempDir dir;
     std::string path = dir / "sock";
     linux_backend::SdEventQueue queue;
-    UnixMessageService service{queue, path};
+    testing::RecordingSystemLog log;
+    UnixMessageService service{queue, log, path};
     std::unique_ptr<MessageListener> listener;
     std::shared_ptr<MessageConnection> connection;
     std::vector<PeerEvent> events;
@@ -99,13 +101,13 @@ class MessageServiceTest : public ::testing::Test {
 
 // Every datagram on a connection is one event, in order: an Error for one
 // that is not a keyed message, a message without fields for one over the
-// limit, and a message whose 32-byte form is emptied unless it names the
-// sender. Each message carries the sender's audit token.
+// limit, and a message whose 32-byte form is made unimportable unless it
+// names the sender. Each message carries the sender's audit token.
 TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
     // A socket left by an earlier run is replaced (the end-to-end tests
     // restart the daemon over one); anything else at the path is kept.
     testing::writeFile(dir / "file", "keep");
-    EXPECT_EQ(UnixMessageService(queue, dir / "file").createListener("x"), nullptr);
+    EXPECT_EQ(UnixMessageService(queue, log, dir / "file").createListener("x"), nullptr);
     EXPECT_EQ(testing::readFile(dir / "file"), "keep");
 
     auto requestOfSize = [](std::size_t size) {
@@ -120,6 +122,8 @@ TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
                           {UnixMessageService::kFormKey, std::move(form)}};
     };
     const FormIdentity me = linux_backend::ownFormIdentity().value();
+    const Value unimportable = Value::data(plist::Bytes(32, 0));
+    ASSERT_FALSE(linux_backend::decodeExternalForm(*unimportable.data()));
     const Dictionary atLimit = requestOfSize(UnixMessageService::kMaxDatagram);
     // Garbage and forms naming another pid are the end-to-end tests'; forms
     // of this process with another uid or start time, and other lengths
@@ -130,9 +134,9 @@ TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
          std::nullopt},
         {binary(atLimit), atLimit},
         {binary(requestOfSize(UnixMessageService::kMaxDatagram + 1)), Dictionary{}},
-        {binary(withForm(formValue({me.pid, kNobody, me.startTime}))), withForm(Value::data({}))},
+        {binary(withForm(formValue({me.pid, kNobody, me.startTime}))), withForm(unimportable)},
         {binary(withForm(formValue({me.pid, me.uid, me.startTime + 1}))),
-         withForm(Value::data({}))},
+         withForm(unimportable)},
         {binary(withForm(Value::data({1, 2}))), withForm(Value::data({1, 2}))},
     };
 

@@ -61,7 +61,8 @@ UNIT
     systemctl --user daemon-reload
     systemctl --user start com.orvane.tessaryd.service || sandbox_fail "cannot start the daemon's unit"
 else
-    /Library/PrivilegedHelperTools/com.orvane.tessaryd 2>/run/tessaryd.log &
+    # The soft descriptor limit the service manager gives a service.
+    (ulimit -Sn 1024 && exec /Library/PrivilegedHelperTools/com.orvane.tessaryd 2>/run/tessaryd.log) &
     daemon_pid=$!
     export TESSARYD_PID=$daemon_pid
 fi

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "backends/event_loop.h"
+#include "doubles/recording_system_log.h"
 #include "platform/linux/peer_identity.h"
 #include "platform/linux/unix_message_service.h"
 #include "plist/codec.h"
@@ -81,7 +82,8 @@ class TessaryctlTest : public ::testing::Test {
     std::string path = dir / "sock";
     std::string marker = dir / "marker";
     linux_backend::SdEventQueue queue;
-    linux_backend::UnixMessageService service{queue, path};
+    testing::RecordingSystemLog log;
+    linux_backend::UnixMessageService service{queue, log, path};
     std::unique_ptr<MessageListener> listener;
     std::vector<std::shared_ptr<MessageConnection>> connections;
     std::vector<Value> requests;

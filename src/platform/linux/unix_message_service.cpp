@@ -2,13 +2,17 @@
 
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <deque>
+#include <unordered_map>
 
 #include "base/unique_fd.h"
 #include "platform/linux/peer_identity.h"
@@ -18,16 +22,118 @@ namespace tessary::linux_backend {
 
 namespace {
 
-// Datagrams read, or connections accepted, per wake-up: enough to drain a
-// burst, few enough that one busy client cannot hold the queue.
-constexpr int kBatch = 8;
+// Connections accepted per wake-up of the listener: enough to drain a burst.
+constexpr int kAcceptsPerTurn = 8;
 // Replies held for a client that does not read them; beyond this they are
-// dropped rather than held without bound.
+// dropped rather than held without bound. A connection is not read while a
+// reply waits, so only replies sent from outside a request's handling could
+// ever reach this.
 constexpr std::size_t kMaxPendingReplies = 64;
-// Room in the kernel for replies up to several times the request limit. The
-// daemon is root and may go past the system's default; a lower buffer only
-// means larger replies wait in the connection's own queue.
-constexpr int kSendBuffer = 4 * static_cast<int>(UnixMessageService::kMaxDatagram);
+// A connection's send buffer starts small (the kernel doubles the figure):
+// replies a client has not read yet stay in the kernel on the daemon's
+// account, and most replies are a few hundred bytes. A larger reply raises it
+// for its connection, up to room for several times the request limit; the
+// daemon is root and may go past the system's default.
+constexpr int kInitialSendBuffer = 16 * 1024;
+constexpr int kMaxSendBuffer = 4 * static_cast<int>(UnixMessageService::kMaxDatagram);
+// Descriptors left for everything else the daemon opens: its bus
+// connections, the stop-of-all workers' own, files, watches.
+constexpr std::size_t kReservedDescriptors = 128;
+// How long accepting pauses when the process or the system is out of
+// descriptors or memory, and how often such a pause, or the connections of
+// one user refused over the caps, may be logged.
+constexpr auto kAcceptPause = std::chrono::milliseconds(100);
+constexpr auto kReportInterval = std::chrono::minutes(1);
+
+// The connections held by each user and by all, and the lines that report
+// refusals, at most one a user and minute.
+class ConnectionLedger {
+  public:
+    ConnectionLedger(MainQueue& queue, SystemLog& log, std::size_t perUser, std::size_t total)
+        : queue_(queue), log_(log), perUser_(perUser), total_(total) {}
+
+    bool admit(std::uint32_t uid) {
+        User& user = users_[uid];
+        if (user.held < perUser_ && held_ < total_) {
+            ++user.held;
+            ++held_;
+            return true;
+        }
+        ++user.refused;
+        const MainQueue::Duration now = queue_.now();
+        if (!user.reported || now - user.lastReport >= kReportInterval) {
+            log_.warning(
+                "WARNING: Refused %d connections from uid %d: a user may hold %d, all users %d",
+                user.refused, uid, perUser_, total_);
+            user.refused = 0;
+            user.lastReport = now;
+            user.reported = true;
+        }
+        forgetIdle(uid);
+        return false;
+    }
+
+    void release(std::uint32_t uid) {
+        auto it = users_.find(uid);
+        if (it != users_.end() && it->second.held > 0) {
+            --it->second.held;
+            --held_;
+            forgetIdle(uid);
+        }
+    }
+
+  private:
+    struct User {
+        std::size_t held = 0;
+        std::size_t refused = 0;  // since the last line
+        MainQueue::Duration lastReport{};
+        bool reported = false;
+    };
+
+    // A user who holds nothing and was not reported within the interval
+    // needs no entry: the map stays as small as the connections held.
+    void forgetIdle(std::uint32_t uid) {
+        auto it = users_.find(uid);
+        if (it != users_.end() && it->second.held == 0 &&
+            (!it->second.reported || queue_.now() - it->second.lastReport >= kReportInterval)) {
+            users_.erase(it);
+        }
+    }
+
+    MainQueue& queue_;
+    SystemLog& log_;
+    std::size_t perUser_;
+    std::size_t total_;
+    std::size_t held_ = 0;
+    std::unordered_map<std::uint32_t, User> users_;
+};
+
+// One connection's place in the ledger, given back when the connection ends.
+class ConnectionSlot {
+  public:
+    ConnectionSlot(std::shared_ptr<ConnectionLedger> ledger, std::uint32_t uid)
+        : ledger_(std::move(ledger)), uid_(uid) {}
+    ~ConnectionSlot() { ledger_->release(uid_); }
+    ConnectionSlot(const ConnectionSlot&) = delete;
+    ConnectionSlot& operator=(const ConnectionSlot&) = delete;
+
+  private:
+    std::shared_ptr<ConnectionLedger> ledger_;
+    std::uint32_t uid_;
+};
+
+// The cap on all connections: the fixed one, or fewer when the descriptor
+// limit would be reached first.
+std::size_t connectionCap() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+        return UnixMessageService::kMaxConnections;
+    }
+    const auto soft = static_cast<std::size_t>(limit.rlim_cur);
+    const std::size_t room =
+        soft > 2 * kReservedDescriptors ? soft - kReservedDescriptors : soft / 2;
+    return std::min(UnixMessageService::kMaxConnections, room);
+}
 
 constexpr std::string_view kBinaryMagic = "bplist00";
 
@@ -61,7 +167,10 @@ Result<plist::Dictionary> keyedFields(const plist::Bytes& datagram) {
                      "datagram of " + std::to_string(datagram.size()) +
                          " bytes is not a binary property list"};
     }
-    auto value = plist::decode(std::span<const std::uint8_t>(datagram));
+    // Strings that are not UTF-8 are kept: only the field that holds one is
+    // wrong, and the request's reader decides what that means.
+    auto value = plist::decode(std::span<const std::uint8_t>(datagram), plist::kRequestBudget,
+                               plist::Strings::KeepInvalid);
     if (!value) {
         return Error{"TYMessageErrorDomain", 2,
                      "datagram is not a property list: " + value.error().description};
@@ -77,11 +186,13 @@ Result<plist::Dictionary> keyedFields(const plist::Bytes& datagram) {
 class UnixConnection final : public MessageConnection,
                              public std::enable_shared_from_this<UnixConnection> {
   public:
-    UnixConnection(MainQueue& queue, UniqueFd fd, const PeerIdentity& peer)
+    UnixConnection(MainQueue& queue, UniqueFd fd, const PeerIdentity& peer,
+                   std::unique_ptr<ConnectionSlot> slot)
         : queue_(queue),
           fd_(std::move(fd)),
           peer_(peer),
-          token_(encodeAuditToken(auditTokenWords(peer))) {}
+          token_(encodeAuditToken(auditTokenWords(peer))),
+          slot_(std::move(slot)) {}
 
     void setEventHandler(std::function<void(const PeerEvent&)> handler) override {
         handler_ = std::move(handler);
@@ -90,7 +201,7 @@ class UnixConnection final : public MessageConnection,
     void activate() override {
         if (!active_ && !closed_) {
             active_ = true;
-            watchFor(pending_.empty() ? EPOLLIN : EPOLLIN | EPOLLOUT);
+            watchFor(wantedEvents());
         }
     }
 
@@ -115,7 +226,7 @@ class UnixConnection final : public MessageConnection,
             case SendResult::Full:
                 pending_.push_back(std::move(bytes).value());
                 if (active_) {
-                    watchFor(EPOLLIN | EPOLLOUT);
+                    watchFor(wantedEvents());
                 }
                 return true;
             case SendResult::Failed:
@@ -130,7 +241,10 @@ class UnixConnection final : public MessageConnection,
 
   private:
     enum class SendResult : std::uint8_t { Sent, Full, Failed };
-    enum class ReadResult : std::uint8_t { Delivered, Drained, Closed };
+
+    // A client that does not read its replies gets no more requests read
+    // until it does: what it can make the daemon hold stays one reply.
+    std::uint32_t wantedEvents() const { return pending_.empty() ? EPOLLIN : EPOLLOUT; }
 
     void watchFor(std::uint32_t events) {
         watch_.reset();  // one watch per descriptor: the old one goes first
@@ -147,6 +261,7 @@ class UnixConnection final : public MessageConnection,
     }
 
     SendResult trySend(const plist::Bytes& bytes) {
+        bool raised = false;
         for (;;) {
             const ssize_t n =
                 ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -155,6 +270,16 @@ class UnixConnection final : public MessageConnection,
                                                                    : SendResult::Failed;
             }
             if (errno == EINTR) {
+                continue;
+            }
+            if (errno == EMSGSIZE && !raised &&
+                bytes.size() <= UnixMessageService::kMaxDatagram * 2) {
+                // Room for this reply and a few more of its size.
+                const int room = std::min(kMaxSendBuffer, 4 * static_cast<int>(bytes.size()));
+                if (::setsockopt(fd_.get(), SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof room) != 0) {
+                    (void)::setsockopt(fd_.get(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+                }
+                raised = true;
                 continue;
             }
             return (errno == EAGAIN || errno == EWOULDBLOCK) ? SendResult::Full
@@ -175,15 +300,15 @@ class UnixConnection final : public MessageConnection,
         watchFor(EPOLLIN);
     }
 
-    void onReady(std::uint32_t events) {
+    // One datagram a turn: the queue then serves every other ready
+    // connection before this one again, however fast its client sends.
+    void onReady(std::uint32_t /*events*/) {
         auto keep = shared_from_this();  // handlers may drop the last reference
-        if ((events & EPOLLOUT) != 0 && !closed_) {
-            flushPending();
+        if (!pending_.empty()) {
+            flushPending();  // also where a hang-up is seen while replies wait
         }
-        for (int i = 0; i < kBatch && !closed_; ++i) {
-            if (readOne() != ReadResult::Delivered) {
-                break;
-            }
+        if (!closed_ && pending_.empty()) {
+            readOne();
         }
     }
 
@@ -192,7 +317,7 @@ class UnixConnection final : public MessageConnection,
         return ::poll(&p, 1, 0) > 0 && (p.revents & (POLLRDHUP | POLLHUP)) != 0;
     }
 
-    ReadResult readOne() {
+    void readOne() {
         // The length of the next datagram, without taking it.
         ssize_t length = -1;
         do {
@@ -200,19 +325,19 @@ class UnixConnection final : public MessageConnection,
         } while (length < 0 && errno == EINTR);
         if (length < 0) {
             if (errno == EAGAIN || errno == EWOULDBLOCK) {
-                return ReadResult::Drained;
+                return;
             }
             if (errno != ECONNRESET && errno != ENOTCONN && errno != EPIPE) {
                 deliver(errorEvent(Error::posix(errno, "receive").description));
             }
             close();
-            return ReadResult::Closed;
+            return;
         }
         // End of stream and an empty datagram both read as 0 bytes; only a
         // peer that has gone also reports the hang-up.
         if (length == 0 && peerHungUp()) {
             close();
-            return ReadResult::Closed;
+            return;
         }
 
         const auto size = static_cast<std::size_t>(length);
@@ -227,21 +352,20 @@ class UnixConnection final : public MessageConnection,
         if (got < 0 || static_cast<std::size_t>(got) != datagram.size()) {
             deliver(errorEvent("datagram changed while it was read"));
             close();
-            return ReadResult::Closed;
+            return;
         }
 
         if (oversize) {
             deliver(messageEvent({}));
-            return ReadResult::Delivered;
+            return;
         }
         auto fields = keyedFields(datagram);
         if (!fields) {
             deliver(errorEvent(fields.error().description));
-            return ReadResult::Delivered;
+            return;
         }
         bindForm(fields.value());
         deliver(messageEvent(std::move(fields).value()));
-        return ReadResult::Delivered;
     }
 
     // A form is honoured only from the process it names.
@@ -253,7 +377,9 @@ class UnixConnection final : public MessageConnection,
         const plist::Bytes* form = it->second.data();
         if (form != nullptr && form->size() == AuthorizationExternalForm{}.size() &&
             !formNamesPeer(*form, peer_)) {
-            it->second = plist::Value::data({});
+            // The request goes on as sent, with a form no authorization can
+            // be imported from: its sender is told no, as for any bad form.
+            it->second = plist::Value::data(plist::Bytes(AuthorizationExternalForm{}.size(), 0));
         }
     }
 
@@ -287,6 +413,7 @@ class UnixConnection final : public MessageConnection,
         closed_ = true;
         watch_.reset();
         fd_.reset();
+        slot_.reset();
         pending_.clear();
         queue_.post([self = shared_from_this()] {
             PeerEvent event;
@@ -302,13 +429,19 @@ class UnixConnection final : public MessageConnection,
     std::function<void(const PeerEvent&)> handler_;
     QueueSourcePtr watch_;
     std::deque<plist::Bytes> pending_;
+    std::unique_ptr<ConnectionSlot> slot_;
     bool active_ = false;
     bool closed_ = false;
 };
 
 class UnixListener final : public MessageListener {
   public:
-    UnixListener(MainQueue& queue, UniqueFd fd) : queue_(queue), fd_(std::move(fd)) {}
+    UnixListener(MainQueue& queue, SystemLog& log, UniqueFd fd)
+        : queue_(queue),
+          log_(log),
+          fd_(std::move(fd)),
+          ledger_(std::make_shared<ConnectionLedger>(
+              queue, log, UnixMessageService::kMaxConnectionsPerUser, connectionCap())) {}
     ~UnixListener() override { *alive_ = false; }
     UnixListener(const UnixListener&) = delete;
     UnixListener& operator=(const UnixListener&) = delete;
@@ -318,7 +451,7 @@ class UnixListener final : public MessageListener {
     }
 
     void activate() override {
-        if (watch_) {
+        if (watch_ || resume_) {
             return;
         }
         watch_ =
@@ -333,24 +466,51 @@ class UnixListener final : public MessageListener {
     }
 
   private:
+    static bool outOfResources(int err) {
+        return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM;
+    }
+
+    // The process or the system is out of something: the waiting
+    // connection stays in the backlog, and a watch would wake the loop for
+    // it without end. Accepting starts again a moment later.
+    void pause(int err) {
+        const MainQueue::Duration now = queue_.now();
+        if (!pauseReported_ || now - lastPauseReport_ >= kReportInterval) {
+            log_.warning("WARNING: Not accepting connections for a moment: %@",
+                         Error::posix(err, "accept"));
+            pauseReported_ = true;
+            lastPauseReport_ = now;
+        }
+        watch_.reset();
+        resume_ = queue_.after(kAcceptPause, [this] {
+            resume_.reset();
+            activate();
+        });
+    }
+
     void acceptSome(std::uint32_t events) {
         auto alive = alive_;  // a handler may destroy the listener
-        for (int i = 0; i < kBatch; ++i) {
+        for (int i = 0; i < kAcceptsPerTurn; ++i) {
             UniqueFd fd(::accept4(fd_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
             if (!fd) {
-                const bool nothingWaiting = errno == EAGAIN || errno == EWOULDBLOCK;
+                const int err = errno;
+                const bool nothingWaiting = err == EAGAIN || err == EWOULDBLOCK;
                 if (nothingWaiting && (events & (EPOLLHUP | EPOLLERR)) == 0) {
                     return;
                 }
-                if (errno == EINTR || errno == ECONNABORTED) {
-                    continue;
+                if (err == EINTR || err == ECONNABORTED || err == EPROTO || err == EPERM) {
+                    continue;  // that connection is gone; others may wait
+                }
+                if (outOfResources(err)) {
+                    pause(err);
+                    return;
                 }
                 // A socket that was shut down reports itself ready and has
                 // nothing to accept, for ever. Either way watching stops: a
                 // lasting failure would wake the loop without end.
                 const std::string description = nothingWaiting
                                                     ? "accept: the listening socket was shut down"
-                                                    : Error::posix(errno, "accept").description;
+                                                    : Error::posix(err, "accept").description;
                 watch_.reset();
                 deliverError(description);
                 return;
@@ -359,15 +519,16 @@ class UnixListener final : public MessageListener {
             if (!peer) {
                 continue;  // a connection no process stands behind is dropped
             }
-            if (::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUFFORCE, &kSendBuffer,
-                             sizeof kSendBuffer) != 0) {
-                (void)::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer,
-                                   sizeof kSendBuffer);
+            if (!ledger_->admit(peer.value().uid)) {
+                continue;  // closed at once; the ledger reports it
             }
+            auto slot = std::make_unique<ConnectionSlot>(ledger_, peer.value().uid);
+            (void)::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUF, &kInitialSendBuffer,
+                               sizeof kInitialSendBuffer);
             ListenerEvent event;
             event.kind = ListenerEvent::Kind::NewConnection;
-            event.connection =
-                std::make_shared<UnixConnection>(queue_, std::move(fd), peer.value());
+            event.connection = std::make_shared<UnixConnection>(queue_, std::move(fd), peer.value(),
+                                                                std::move(slot));
             deliver(event);
             if (!*alive) {
                 return;
@@ -390,16 +551,21 @@ class UnixListener final : public MessageListener {
     }
 
     MainQueue& queue_;
+    SystemLog& log_;
     UniqueFd fd_;
+    std::shared_ptr<ConnectionLedger> ledger_;
     std::function<void(const ListenerEvent&)> handler_;
     QueueSourcePtr watch_;
+    QueueSourcePtr resume_;
+    MainQueue::Duration lastPauseReport_{};
+    bool pauseReported_ = false;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 }  // namespace
 
-UnixMessageService::UnixMessageService(MainQueue& queue, std::string socketPath)
-    : queue_(queue), path_(std::move(socketPath)) {}
+UnixMessageService::UnixMessageService(MainQueue& queue, SystemLog& log, std::string socketPath)
+    : queue_(queue), log_(log), path_(std::move(socketPath)) {}
 
 std::unique_ptr<MessageListener> UnixMessageService::createListener(std::string_view /*name*/) {
     sockaddr_un address{};
@@ -426,7 +592,7 @@ std::unique_ptr<MessageListener> UnixMessageService::createListener(std::string_
         (void)::unlink(path_.c_str());
         return nullptr;
     }
-    return std::make_unique<UnixListener>(queue_, std::move(fd));
+    return std::make_unique<UnixListener>(queue_, log_, std::move(fd));
 }
 
 }  // namespace tessary::linux_backend
