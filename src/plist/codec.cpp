@@ -2,12 +2,15 @@
 
 #include <plist/plist.h>
 
+#include <bit>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <type_traits>
 
@@ -46,6 +49,74 @@ bool nodeIsUnsigned(plist_t node) {
         return false;
     }
     return std::string_view(xml, len).find("<integer>-") == std::string_view::npos;
+}
+
+// Dates from year 1 to 9999, in seconds since 2001-01-01: what both forms
+// are read and written over here.
+constexpr std::int64_t kFirstDate = -63113904000;  // 0001-01-01T00:00:00Z
+constexpr std::int64_t kLastDate = 252423993599;   // 9999-12-31T23:59:59Z
+
+// libplist 2.2 holds a date as a double of seconds, but its getter and its
+// constructor take 32-bit seconds: dates before 1933 or after 2069 would come
+// back changed without a word. Its binary writer and reader carry the
+// double whole, so a date is read from, and made through, a one-object
+// binary list.
+std::optional<std::int64_t> dateSeconds(plist_t node) {
+    NodePtr copy(plist_copy(node));
+    char* bin = nullptr;
+    std::uint32_t len = 0;
+    plist_to_bin(copy.get(), &bin, &len);
+    BufferPtr owned(bin);
+    // "bplist00", then the date object: marker 0x33 and a big-endian double.
+    if (bin == nullptr || len < 17 || static_cast<unsigned char>(bin[8]) != 0x33) {
+        return std::nullopt;
+    }
+    std::uint64_t bits = 0;
+    for (int i = 0; i < 8; ++i) {
+        bits = (bits << 8) | static_cast<unsigned char>(bin[9 + i]);
+    }
+    const double seconds = std::floor(std::bit_cast<double>(bits));
+    if (!(seconds >= static_cast<double>(kFirstDate) &&
+          seconds <= static_cast<double>(kLastDate))) {
+        return std::nullopt;
+    }
+    return static_cast<std::int64_t>(seconds);
+}
+
+plist_t newDate(std::int64_t seconds) {
+    if (seconds >= std::numeric_limits<std::int32_t>::min() &&
+        seconds <= std::numeric_limits<std::int32_t>::max()) {
+        return plist_new_date(static_cast<std::int32_t>(seconds), 0);
+    }
+    std::string bin = "bplist00";
+    bin += '\x33';
+    const auto bits = std::bit_cast<std::uint64_t>(static_cast<double>(seconds));
+    for (int i = 7; i >= 0; --i) {
+        bin += static_cast<char>((bits >> (8 * i)) & 0xFF);
+    }
+    // The offset table (the object at 8), then the trailer: one-byte offsets
+    // and references, one object, the top one, the table at 17.
+    bin += '\x08';
+    bin += std::string(6, '\0') + "\x01\x01" + std::string(7, '\0') + '\x01' +
+           std::string(15, '\0') + '\x11';
+    plist_t node = nullptr;
+    plist_from_bin(bin.data(), static_cast<std::uint32_t>(bin.size()), &node);
+    return node;
+}
+
+// libplist's XML writer gives a year before 1000 fewer than four digits,
+// which other readers refuse: they are padded here. Text inside strings
+// cannot hold "<date>" (its '<' is escaped), so the search finds dates only.
+std::string padDateYears(std::string xml) {
+    constexpr std::string_view kOpen = "<date>";
+    for (std::size_t at = xml.find(kOpen); at != std::string::npos; at = xml.find(kOpen, at + 1)) {
+        const std::size_t year = at + kOpen.size();
+        const std::size_t dash = xml.find('-', year);
+        if (dash != std::string::npos && dash - year < 4) {
+            xml.insert(year, 4 - (dash - year), '0');
+        }
+    }
+    return xml;
 }
 
 Result<Value> fromNode(plist_t node, int depth, Strings strings) {
@@ -88,10 +159,12 @@ Result<Value> fromNode(plist_t node, int depth, Strings strings) {
             return Value::data(p != nullptr ? Bytes(b, b + len) : Bytes{});
         }
         case PLIST_DATE: {
-            std::int32_t sec = 0;
-            std::int32_t usec = 0;
-            plist_get_date_val(node, &sec, &usec);
-            return Value::date(Date{sec});  // the fraction is dropped, as Date says
+            // The fraction is dropped, as Date says.
+            const auto seconds = dateSeconds(node);
+            if (!seconds) {
+                return decodeError("property list holds a date outside the years 1 to 9999");
+            }
+            return Value::date(Date{*seconds});
         }
         case PLIST_ARRAY: {
             Array out;
@@ -163,11 +236,14 @@ Result<NodePtr> toNode(const Value& v, int depth) {
             return NodePtr(plist_new_real(*v.asReal()));
         case Value::Type::Date: {
             const std::int64_t sec = v.asDate()->seconds;
-            if (sec < std::numeric_limits<std::int32_t>::min() ||
-                sec > std::numeric_limits<std::int32_t>::max()) {
-                return encodeError("date out of range");
+            if (sec < kFirstDate || sec > kLastDate) {
+                return encodeError("date outside the years 1 to 9999");
             }
-            return NodePtr(plist_new_date(static_cast<std::int32_t>(sec), 0));
+            NodePtr node(newDate(sec));
+            if (!node) {
+                return encodeError("date could not be represented");
+            }
+            return node;
         }
         case Value::Type::String: {
             const std::string& s = *v.string();
@@ -256,6 +332,10 @@ Result<Bytes> encode(const Value& value, Format format) {
     BufferPtr owned(out);
     if (out == nullptr) {
         return encodeError("property list could not be written");
+    }
+    if (format == Format::Xml) {
+        const std::string xml = padDateYears(std::string(out, len));
+        return Bytes(xml.begin(), xml.end());
     }
     const auto* b = reinterpret_cast<const std::uint8_t*>(out);
     return Bytes(b, b + len);

@@ -37,6 +37,9 @@ value = {
     "data": bytes(range(256)),
     "date": datetime.datetime(2024, 2, 29, 12, 34, 56),
     "nested": [[{"deep": []}], {}],
+    "dates": [datetime.datetime(1, 1, 1), datetime.datetime(1900, 6, 15, 12),
+              datetime.datetime(1932, 12, 31, 23, 59, 59), datetime.datetime(2070, 1, 1),
+              datetime.datetime(9999, 12, 31, 23, 59, 59)],
 }
 for fmt, name in ((plistlib.FMT_XML, "in.xml"), (plistlib.FMT_BINARY, "in.bin")):
     open("DIR/" + name, "wb").write(plistlib.dumps(value, fmt=fmt))
@@ -59,8 +62,11 @@ for name in ("out.xml", "out.bin"):
     EXPECT_EQ(ints[1], Value::integer(INT64_MIN));
     EXPECT_EQ(ints[2], Value::unsignedInteger(1ULL << 63));
     EXPECT_NE(ints[3], Value::integer(-1));
-    // Whole seconds since 2001-01-01.
+    // Whole seconds since 2001-01-01, from year 1 to 9999: libplist's own
+    // date calls hold only 32 bits of them.
     EXPECT_EQ(fromXml.value().find("date")->asDate()->seconds, 730902896);
+    EXPECT_EQ(fromXml.value().find("dates")->array()->front().asDate()->seconds, -63113904000);
+    EXPECT_EQ(fromXml.value().find("dates")->array()->back().asDate()->seconds, 252423993599);
 
     for (Format f : {Format::Xml, Format::Binary}) {
         testing::writeFile(dir / (f == Format::Xml ? "out.xml" : "out.bin"),
