@@ -15,6 +15,8 @@ struct Error {
     std::string description;
 
     static Error posix(int err, std::string what);
+    // Whether this is the POSIX error `err`.
+    bool isPosix(int err) const;
 };
 
 // Either a value or an Error. Deliberately small: the project is C++20, so no

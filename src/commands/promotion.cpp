@@ -1,3 +1,5 @@
+#include <cerrno>
+
 #include "daemon/supervisor.h"
 
 namespace tessary {
@@ -24,7 +26,7 @@ std::optional<plist::Dictionary> TYSupervisor::beginPromotionWithArguments(Argum
     // ended; an exit during the promotion ends the daemon, and the next start
     // cleans up.
     auto slot = std::make_shared<QueueSourcePtr>();
-    *slot = platform_.exitWatch.watchExit(pid, [this, pid, weak = std::weak_ptr(slot)] {
+    auto exited = [this, pid, weak = std::weak_ptr(slot)] {
         if (preferences_.activePromotionType()) {
             platform_.log.warning("WARNING: Client %d exited before promotion ended.", pid);
             platform_.process.exit(0);
@@ -33,9 +35,17 @@ std::optional<plist::Dictionary> TYSupervisor::beginPromotionWithArguments(Argum
         if (auto held = weak.lock()) {
             clientWatches_.erase(held);  // cancelling releases the watch
         }
-    });
-    if (*slot) {
+    };
+    auto watch = platform_.exitWatch.watchExit(pid, exited);
+    if (watch) {
+        *slot = std::move(watch).value();
         clientWatches_.insert(slot);
+    } else if (watch.error().isPosix(ESRCH)) {
+        // Gone before it could be watched: that is its exit, which comes
+        // after this command as a watched exit would.
+        platform_.queue.post(exited);
+    } else {
+        platform_.log.warning("WARNING: Unable to watch client %d: %@", pid, watch.error());
     }
 
     if (ServicePtr backend = serviceWithLabel(kBackendService)) {

@@ -1,5 +1,7 @@
 #include "daemon/supervisor.h"
 
+#include <set>
+
 namespace tessary {
 
 TYSupervisor::TYSupervisor(Platform& platform)
@@ -8,5 +10,24 @@ TYSupervisor::TYSupervisor(Platform& platform)
       sharedAuthorization_(platform.authorization),
       environment_{preferences_, platform.serviceManager, platform.log, sharedAuthorization_,
                    platform.powerAssertions} {}
+
+void TYSupervisor::setServices(ServiceList services) {
+    const ServiceList old = services_.get();
+    services_.set(services);
+    if (!old) {
+        return;
+    }
+    std::set<const TYSupervisedService*> kept;
+    if (services) {
+        for (const ServicePtr& s : *services) {
+            kept.insert(s.get());
+        }
+    }
+    for (const ServicePtr& s : *old) {
+        if (kept.count(s.get()) == 0) {
+            s->releaseSleepAssertion();
+        }
+    }
+}
 
 }  // namespace tessary

@@ -65,7 +65,9 @@ class TYSupervisor final : public ServiceOwner {
     void setPowerAssertion(std::uint32_t id) { powerAssertion_ = id; }
     MainQueue& queue() const { return platform_.queue; }
     ServiceList services() const override { return services_.get(); }
-    void setServices(ServiceList services) { services_.set(std::move(services)); }
+    // A service that leaves the list gives back its sleep assertion, which
+    // would otherwise be held until the daemon exits.
+    void setServices(ServiceList services);
     CommandTable authorizationRightsForCommands() const { return rights_.get(); }
     void setAuthorizationRightsForCommands(CommandTable t) { rights_.set(std::move(t)); }
     CommandTable requirementsForCommands() const { return requirements_.get(); }

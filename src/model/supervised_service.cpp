@@ -174,6 +174,10 @@ void TYSupervisedService::setOn(bool on) {
         }
         return;
     }
+    releaseSleepAssertion();
+}
+
+void TYSupervisedService::releaseSleepAssertion() {
     if (denySleepAssertion_ != 0) {
         (void)env().powerAssertions.releaseAssertion(denySleepAssertion_);
         denySleepAssertion_ = 0;

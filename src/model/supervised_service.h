@@ -63,6 +63,9 @@ class TYSupervisedService : public std::enable_shared_from_this<TYSupervisedServ
 
     // Switches the service and takes or releases its own sleep assertion.
     void setOn(bool on);
+    // Gives back the sleep assertion without touching the switch: for a
+    // service that is being dropped from the list.
+    void releaseSleepAssertion();
     void start();
     void stop();
     void migrate();

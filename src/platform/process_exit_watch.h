@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 
+#include "base/error.h"
 #include "platform/main_queue.h"
 
 namespace tessary {
@@ -11,8 +12,9 @@ namespace tessary {
 class ProcessExitWatch {
   public:
     virtual ~ProcessExitWatch() = default;
-    // Null when the process cannot be watched (for instance it is gone).
-    virtual QueueSourcePtr watchExit(std::int32_t pid, std::function<void()> exited) = 0;
+    // The watch, or why there is none: a POSIX ESRCH error when the process
+    // is already gone, another error when it could not be watched.
+    virtual Result<QueueSourcePtr> watchExit(std::int32_t pid, std::function<void()> exited) = 0;
 };
 
 }  // namespace tessary

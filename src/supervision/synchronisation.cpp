@@ -1,4 +1,5 @@
 #include <chrono>
+#include <system_error>
 #include <thread>
 
 #include "daemon/supervisor.h"
@@ -39,17 +40,26 @@ void TYSupervisor::stopAllServices() {
     // so the whole takes about as long as the slowest stop. Every line
     // measures from the common start.
     const auto start = std::chrono::steady_clock::now();
+    auto stopOne = [this, &all, start](std::size_t i) {
+        const ServicePtr& service = (*all)[i];
+        service->stop();
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+        platform_.log.warning("WARNING: Service %@ took %f seconds to stop", service->label(),
+                              took.count());
+    };
     {
         std::vector<std::jthread> workers;
         workers.reserve(count);
         for (std::size_t i = 0; i < count; ++i) {
-            workers.emplace_back([this, &all, i, start] {
-                const ServicePtr& service = (*all)[i];
-                service->stop();
-                const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-                platform_.log.warning("WARNING: Service %@ took %f seconds to stop",
-                                      service->label(), took.count());
-            });
+            try {
+                workers.emplace_back(stopOne, i);
+            } catch (const std::system_error& e) {
+                // Out of threads: this service stops here instead, slower but
+                // whole; a demotion must not end half-way.
+                platform_.log.warning("WARNING: Unable to start a worker to stop %@: %s",
+                                      (*all)[i]->label(), e.what());
+                stopOne(i);
+            }
         }
     }  // joins every worker
 

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "daemon_fixture.h"
 
 namespace tessary {
@@ -117,6 +119,8 @@ class PromotionTest : public testing::DaemonFixture {
     PromotionTest() {
         t.addDefinition("backend.plist", testing::definition("com.orvane.tessaryadmind.backend"));
         t.addDefinition("svc.plist", testing::definition("svc"));
+        t.addDefinition("awake.plist",
+                        testing::definition("awake", {{"PreventsSleep", Value::boolean(true)}}));
         startDaemon();
         t.log.clear();
     }
@@ -140,6 +144,38 @@ TEST_F(PromotionTest, PromotionHoldsThePowerAssertionAndWatchesItsClient) {
     EXPECT_EQ(command("beginPromotion").code, 0);
     EXPECT_THROW(t.exitWatch.exit(kClientPid), testing::ProcessExited);
     EXPECT_EQ(t.log.lines().back(), "WARNING: Client 4242 exited before promotion ended.");
+}
+
+// A client already gone when its exit is to be watched has exited; a watch
+// that fails for another reason is said, and the promotion goes on.
+TEST_F(PromotionTest, AClientThatCannotBeWatched) {
+    t.exitWatch.failing = true;
+    EXPECT_EQ(command("beginPromotion").code, 0);
+    t.queue.runPending();
+    const auto lines = t.log.lines();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& l) {
+                                return l.starts_with("WARNING: Unable to watch client 4242: ");
+                            }),
+              1);
+
+    t.exitWatch.failing = false;
+    t.exitWatch.gone.insert(kClientPid);
+    EXPECT_EQ(command("beginPromotion").code, 0);
+    EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
+    EXPECT_EQ(t.log.lines().back(), "WARNING: Client 4242 exited before promotion ended.");
+}
+
+// The services a reload drops give back their sleep assertions; the new
+// ones take theirs as their switches say.
+TEST_F(PromotionTest, ReloadingGivesBackTheAssertionsOfTheServicesItDrops) {
+    EXPECT_EQ(command("enable", {{"service", Value("awake")}}).code, 0);
+    ASSERT_EQ(t.powerAssertions.held.size(), 1U);
+    EXPECT_EQ(command("restoreServices").code, 0);
+    EXPECT_EQ(t.powerAssertions.held.size(), 1U);  // the new object's, not a second
+    EXPECT_EQ(t.powerAssertions.released.size(), 1U);
+    EXPECT_EQ(command("disable", {{"service", Value("awake")}}).code, 0);
+    EXPECT_TRUE(t.powerAssertions.held.empty());
 }
 
 TEST_F(PromotionTest, FailuresAndRestoration) {

@@ -206,7 +206,7 @@ TEST_F(DesktopBuses, SleepWaitsForTheWillSleepHandlerAndTheLockReturnsAfterWake)
     EXPECT_TRUE(log.empty());
 }
 
-TEST_F(DesktopBuses, AssertionsAreIdleSleepBlockLocksUntilReleased) {
+TEST_F(DesktopBuses, AssertionsAreIdleBlockLocksUntilReleased) {
     startLogin();
     LogindPowerAssertions assertions(address);
     std::uint32_t first = 0;
@@ -214,9 +214,9 @@ TEST_F(DesktopBuses, AssertionsAreIdleSleepBlockLocksUntilReleased) {
     ASSERT_EQ(assertions.createAssertion(assertion("com.orvane.tessaryd"), first), 0);
     ASSERT_EQ(assertions.createAssertion(assertion("com.orvane.backup"), second), 0);
     EXPECT_NE(first, second);
-    const std::string held = "idle:sleep/com.orvane.backup/PreventUserIdleSystemSleep/block";
+    const std::string held = "idle/com.orvane.backup/PreventUserIdleSystemSleep/block";
     EXPECT_EQ(inhibitors(),
-              (Strings{"idle:sleep/com.orvane.tessaryd/PreventUserIdleSystemSleep/block", held}));
+              (Strings{"idle/com.orvane.tessaryd/PreventUserIdleSystemSleep/block", held}));
 
     EXPECT_EQ(assertions.releaseAssertion(first), 0);
     EXPECT_TRUE(waitFor([&] { return inhibitors() == Strings{held}; }));

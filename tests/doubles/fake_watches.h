@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cerrno>
 #include <map>
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "platform/file_events.h"
@@ -12,11 +14,19 @@ namespace tessary::testing {
 // Process exits that a test announces.
 class FakeProcessExitWatch final : public ProcessExitWatch {
   public:
-    QueueSourcePtr watchExit(std::int32_t pid, std::function<void()> exited) override {
+    Result<QueueSourcePtr> watchExit(std::int32_t pid, std::function<void()> exited) override {
+        if (gone.count(pid) != 0) {
+            return Error::posix(ESRCH, "pidfd_open");
+        }
+        if (failing) {
+            return Error::posix(EMFILE, "pidfd_open");
+        }
         auto w = std::make_unique<Watch>(this, pid);
         watchers_.insert({pid, {w.get(), std::move(exited)}});
-        return w;
+        return QueueSourcePtr(std::move(w));
     }
+    std::set<std::int32_t> gone;  // processes that exited before they were watched
+    bool failing = false;         // every watch fails for want of descriptors
     // Calls every live watch of `pid`.
     void exit(std::int32_t pid) {
         std::vector<std::function<void()>> due;

@@ -1,4 +1,7 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "daemon/supervisor.h"
 #include "support/test_platform.h"
@@ -175,6 +178,38 @@ TEST_F(SupervisionTest, StopAllRunsEveryStopAtOnce) {
     }
     EXPECT_EQ(reported.size(), 10U);
     EXPECT_EQ(t.log.countStartingWith("WARNING: Service "), 10U);
+}
+
+// A process that may start no thread still stops every service, each on the
+// calling thread: a demotion must not end half-way.
+TEST_F(SupervisionTest, StopAllWithoutThreadsStopsEveryServiceHere) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to become a user who may start no thread";
+    }
+    for (const char* label : {"a", "b", "c"}) {
+        t.addDefinition(std::string(label) + ".plist", definition(label));
+        prefs.setServiceEnabled(label, true);
+    }
+    supervisor.loadServices();
+    supervisor.syncServices();
+    ASSERT_EQ(t.serviceManager.loadedLabels().size(), 3U);
+    t.log.clear();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const rlimit none{0, 0};
+        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0 ||
+            ::setrlimit(RLIMIT_NPROC, &none) != 0) {
+            ::_exit(90);
+        }
+        supervisor.stopAllServices();
+        const bool whole =
+            t.serviceManager.loadedLabels().empty() &&
+            t.log.countStartingWith("WARNING: Unable to start a worker to stop ") == 3;
+        ::_exit(whole ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 }  // namespace

@@ -253,7 +253,9 @@ int LogindPowerAssertions::createAssertion(const plist::Value& properties, std::
         return r;
     }
     UniqueFd lock;
-    r = inhibit(bus.get(), "idle:sleep", name->c_str(), type->c_str(), "block", lock);
+    // "idle" only: it keeps an idle machine awake, as the assertion's name
+    // says, and still lets a user suspend it on purpose.
+    r = inhibit(bus.get(), "idle", name->c_str(), type->c_str(), "block", lock);
     if (r < 0) {
         return r;
     }

@@ -77,7 +77,7 @@ class LogindSystemPowerNotifier final : public SystemPowerNotifier {
     std::map<std::uint32_t, std::unique_ptr<Registered>> registered_;
 };
 
-// Sleep-preventing assertions as logind inhibitor locks: "idle:sleep" in
+// Sleep-preventing assertions as logind inhibitor locks: "idle" in
 // "block" mode, who the assertion's "AssertName", why its "AssertType". The
 // id stands for the lock's descriptor; releasing closes it, and logind drops
 // the lock. Without a reachable logind the id stays 0 and creation answers a

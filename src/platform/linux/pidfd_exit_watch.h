@@ -10,7 +10,7 @@ namespace tessary::linux_backend {
 class PidfdExitWatch final : public ProcessExitWatch {
   public:
     explicit PidfdExitWatch(MainQueue& queue) : queue_(queue) {}
-    QueueSourcePtr watchExit(std::int32_t pid, std::function<void()> exited) override;
+    Result<QueueSourcePtr> watchExit(std::int32_t pid, std::function<void()> exited) override;
 
   private:
     MainQueue& queue_;
