@@ -42,6 +42,9 @@ class FileOperations {
     virtual Status copyFile(const std::string& from, const std::string& to) = 0;
     // Fails when `to` exists.
     virtual Status moveItem(const std::string& from, const std::string& to) = 0;
+    // Puts the file `from` in the place of `to` in one step (both on one file
+    // system): a reader of `to` sees the old file or the new, never a part.
+    virtual Status replaceFile(const std::string& from, const std::string& to) = 0;
     // Removes a file or a directory with its contents.
     virtual Status removeItem(const std::string& path) = 0;
     // Entry names in the order the file system gives them.

@@ -75,13 +75,21 @@ void TYSupervisor::update() {
         SystemLog& log = platform_.log;
         std::optional<Error> failure;
 
-        if (Status removed = files.removeItem(paths.installedDaemon()); !removed) {
-            log.warning("WARNING: Removal of com.orvane.tessaryd failed");
-            failure = removed.error();
-        } else if (Status copied = files.copyFile(paths.appDaemonCopy(), paths.installedDaemon());
-                   !copied) {
+        // The new executable is copied beside the installed one and takes its
+        // place in one rename: the service manager, or anyone, starting the
+        // daemon meanwhile finds the old file or the new one, never a part.
+        const std::string staged = paths.stagedDaemon();
+        if (files.exists(staged)) {
+            (void)files.removeItem(staged);  // left by an update that died
+        }
+        if (Status copied = files.copyFile(paths.appDaemonCopy(), staged); !copied) {
             log.warning("WARNING: Copying of com.orvane.tessaryd failed");
             failure = copied.error();
+        } else if (Status replaced = files.replaceFile(staged, paths.installedDaemon());
+                   !replaced) {
+            log.warning("WARNING: Removal of com.orvane.tessaryd failed");
+            failure = replaced.error();
+            (void)files.removeItem(staged);
         } else if (files.exists(paths.setupDoneMarker())) {
             if (Status marker = files.removeItem(paths.setupDoneMarker()); !marker) {
                 log.warning("WARNING: Removal of .TessarySetupDone failed");

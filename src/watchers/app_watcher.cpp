@@ -5,8 +5,8 @@
 namespace tessary {
 
 TYSupervisorAppWatcher::Services TYSupervisorAppWatcher::servicesOf(const Platform& platform) {
-    return {platform.queue, platform.fileEvents, platform.fileCoordination, platform.files,
-            platform.bundleInfo};
+    return {platform.queue,      platform.fileEvents, platform.fileCoordination,     platform.files,
+            platform.bundleInfo, platform.log,        platform.paths.appDaemonCopy()};
 }
 
 TYSupervisorAppWatcher::TYSupervisorAppWatcher(const std::string& bundlePath,
@@ -16,6 +16,8 @@ TYSupervisorAppWatcher::TYSupervisorAppWatcher(const std::string& bundlePath,
       coordination_(services.coordination),
       files_(services.files),
       bundleInfo_(services.bundleInfo),
+      log_(services.log),
+      daemonCopyPath_(services.daemonCopyPath),
       url_(bundlePath),
       self_(std::make_shared<TYSupervisorAppWatcher*>(this)) {}
 
@@ -29,15 +31,6 @@ std::unique_ptr<TYSupervisorAppWatcher> TYSupervisorAppWatcher::initWithURL(
     std::unique_ptr<TYSupervisorAppWatcher> watcher(
         new TYSupervisorAppWatcher(bundlePath, services));
     TYSupervisorAppWatcher* w = watcher.get();
-
-    // The source holds its events until `start`; it belongs to the watcher,
-    // so its action never outlives it.
-    w->app_vnode_source_ = w->fileEvents_.watch(
-        bundlePath, kWatchedEvents, [w](std::uint32_t /*event*/) { w->appWasRenamedOrDeleted(); });
-    if (!w->app_vnode_source_) {
-        return nullptr;
-    }
-
     auto executable = w->bundleInfo_.mainExecutablePath(bundlePath);
     if (!executable) {
         return nullptr;
@@ -52,11 +45,38 @@ std::unique_ptr<TYSupervisorAppWatcher> TYSupervisorAppWatcher::initWithURL(
 }
 
 void TYSupervisorAppWatcher::start() {
-    app_vnode_source_->resume();
     coordination_.addFilePresenter(*this, url_);
     if (state_ == State::Made) {
         state_ = State::Started;
     }
+    watchBundle();
+}
+
+void TYSupervisorAppWatcher::watchBundle() {
+    // The source belongs to the watcher, so its action never outlives it.
+    app_vnode_source_ = fileEvents_.watch(
+        url_, kWatchedEvents, [this](std::uint32_t /*event*/) { appWasRenamedOrDeleted(); });
+    if (app_vnode_source_) {
+        app_vnode_source_->resume();
+        return;
+    }
+    if (!files_.exists(url_)) {
+        detectChange();  // gone while it could not be watched
+        return;
+    }
+    log_.error("ERROR: Unable to watch %@ for changes; trying again in %d seconds", url_,
+               kWatchRetryInterval.count());
+    watchRetryTimer_ =
+        queue_.after(kWatchRetryInterval, [alive = std::weak_ptr<TYSupervisorAppWatcher*>(self_)] {
+            if (auto self = alive.lock()) {
+                TYSupervisorAppWatcher& w = **self;
+                w.watchRetryTimer_.reset();
+                w.watchBundle();
+                if (w.app_vnode_source_) {
+                    w.detectChange();  // a change made while nothing watched
+                }
+            }
+        });
 }
 
 void TYSupervisorAppWatcher::postToMain(std::function<void(TYSupervisorAppWatcher&)> step) {
@@ -147,17 +167,58 @@ void TYSupervisorAppWatcher::handleAppReplacementOrRemoval() {
             state_ = State::WaitingForLock;
             return;
         }
+        const auto now = wholeBundle();
+        if (!now || now != lastSeenCopy_) {
+            lastSeenCopy_ = now;
+            waitForCopy();
+            return;
+        }
         state_ = State::Decided;
         if (auto handler = appWasReplacedHandler()) {
             handler();
         }
         return;
     }
+    settleTimer_.reset();
+    lastSeenCopy_.reset();
     trovelHasLock_ = false;
     state_ = State::Decided;
     if (auto handler = appWasRemovedHandler()) {
         handler();
     }
+}
+
+std::optional<TYSupervisorAppWatcher::Snapshot> TYSupervisorAppWatcher::wholeBundle() const {
+    const auto info = bundleInfo_.infoDictionary(url_);
+    const auto daemonInfo = bundleInfo_.infoDictionary(daemonCopyPath_);
+    const auto executable = bundleInfo_.mainExecutablePath(url_);
+    if (!info || info->stringAt("CFBundleShortVersionString") == nullptr || !daemonInfo ||
+        daemonInfo->stringAt("CFBundleVersion") == nullptr || !executable) {
+        return std::nullopt;
+    }
+    auto infoFile = files_.attributes(url_ + "/Contents/Info.plist");
+    auto executableFile = files_.attributes(*executable);
+    auto daemonFile = files_.attributes(daemonCopyPath_);
+    if (!infoFile || !executableFile || !daemonFile) {
+        return std::nullopt;
+    }
+    return Snapshot{infoFile.value(), executableFile.value(), daemonFile.value()};
+}
+
+// Looks at the copy again after the settle interval; one look pending at a
+// time.
+void TYSupervisorAppWatcher::waitForCopy() {
+    state_ = State::WaitingForCopy;
+    if (settleTimer_) {
+        return;
+    }
+    settleTimer_ =
+        queue_.after(kSettleInterval, [alive = std::weak_ptr<TYSupervisorAppWatcher*>(self_)] {
+            if (auto self = alive.lock()) {
+                (*self)->settleTimer_.reset();
+                (*self)->handleAppReplacementOrRemoval();
+            }
+        });
 }
 
 void TYSupervisorAppWatcher::createRemovalDetectionDelayTimer() {

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "model/guarded.h"
@@ -10,6 +11,7 @@
 #include "platform/file_events.h"
 #include "platform/file_operations.h"
 #include "platform/main_queue.h"
+#include "platform/system_log.h"
 
 namespace tessary {
 
@@ -26,6 +28,20 @@ struct Platform;
 // the removal-detection delay when the bundle was missing, or when a writer
 // that held the coordination lock at that moment lets go of it.
 //
+// A copy in place is a replacement only once it is whole: its information
+// list names a version, and its main executable and the daemon copy inside it
+// read, unchanged over kSettleInterval. While a copy is still arriving the
+// decision waits and looks again, as it waits for a writer's lock; only a
+// path with nothing at it is a removal. Nothing tells a copy tool's last
+// write on Linux, so this is what stands in for the lock such a tool would
+// hold.
+//
+// The watch on the bundle may fail to be set up for reasons of the machine's
+// (inotify instances or watches used up by other daemons). That is no news
+// about the bundle: the watcher says so in one ERROR line and tries again
+// every kWatchRetryInterval, and once the watch is in place it looks at the
+// bundle once, for a change it may have missed.
+//
 // A file event does nothing where it arrives but post the detection step, so
 // that step runs on the main queue behind the operation in progress, however
 // the backend delivers (inotify delivers on the main queue itself). The
@@ -37,6 +53,9 @@ class TYSupervisorAppWatcher final : public FilePresenter {
 
     // How long the decision waits for a replacement copy to appear.
     static constexpr std::chrono::milliseconds kRemovalDetectionDelay{5000};
+    // How long a copy in place must stay unchanged to count as whole.
+    static constexpr std::chrono::milliseconds kSettleInterval{2000};
+    static constexpr std::chrono::seconds kWatchRetryInterval{10};
     static constexpr std::uint32_t kWatchedEvents = kFileEventDelete | kFileEventRename;
 
     // The observable behaviour is the two flags'; this is where the watcher
@@ -47,6 +66,7 @@ class TYSupervisorAppWatcher final : public FilePresenter {
         ChangeDetected,   // the will-change handler is running
         WaitingForDelay,  // the bundle was missing; the delay runs
         WaitingForLock,   // a new bundle is in place, but a writer holds the lock
+        WaitingForCopy,   // a new bundle is in place, not yet whole or still changing
         Decided,          // the replaced or removed handler has run
     };
 
@@ -56,12 +76,15 @@ class TYSupervisorAppWatcher final : public FilePresenter {
         FileCoordination& coordination;
         FileOperations& files;
         BundleInfo& bundleInfo;
+        SystemLog& log;
+        // The copy of the daemon inside the bundle, which an update installs.
+        std::string daemonCopyPath;
     };
     static Services servicesOf(const Platform& platform);
 
     // The watcher of the bundle at `bundlePath`, or null when there is no
-    // bundle there, it names no executable, the executable's attributes
-    // cannot be read, or the directory cannot be watched.
+    // bundle there, it names no executable, or the executable's attributes
+    // cannot be read.
     static std::unique_ptr<TYSupervisorAppWatcher> initWithURL(const std::string& bundlePath,
                                                                const Services& services);
 
@@ -69,7 +92,8 @@ class TYSupervisorAppWatcher final : public FilePresenter {
     TYSupervisorAppWatcher(const TYSupervisorAppWatcher&) = delete;
     TYSupervisorAppWatcher& operator=(const TYSupervisorAppWatcher&) = delete;
 
-    // Lets file events through and registers as the bundle's presenter.
+    // Sets up the watch, lets its events through and registers as the
+    // bundle's presenter.
     void start();
 
     bool didDetectRemoval() const { return didDetectRemoval_; }
@@ -105,8 +129,20 @@ class TYSupervisorAppWatcher final : public FilePresenter {
     void appWasRenamedOrDeleted();
 
   private:
+    // What must stay the same over the settle interval: the information
+    // list, the main executable and the daemon copy.
+    struct Snapshot {
+        FileAttributes info;
+        FileAttributes executable;
+        FileAttributes daemon;
+        friend bool operator==(const Snapshot&, const Snapshot&) = default;
+    };
+
     TYSupervisorAppWatcher(const std::string& bundlePath, const Services& services);
 
+    void watchBundle();
+    std::optional<Snapshot> wholeBundle() const;
+    void waitForCopy();
     void detectChange();
     void handleAppChange();
     void handleAppReplacementOrRemoval();
@@ -122,6 +158,8 @@ class TYSupervisorAppWatcher final : public FilePresenter {
     FileCoordination& coordination_;
     FileOperations& files_;
     BundleInfo& bundleInfo_;
+    SystemLog& log_;
+    std::string daemonCopyPath_;
 
     bool didDetectRemoval_ = false;
     bool trovelHasLock_ = false;
@@ -133,6 +171,10 @@ class TYSupervisorAppWatcher final : public FilePresenter {
     FileAttributes tessaryAppAttributes_;
     std::string tessaryAppPath_;
     QueueSourcePtr removalDetectionDelayTimer_;
+    QueueSourcePtr settleTimer_;
+    QueueSourcePtr watchRetryTimer_;
+    // The copy in place as last seen by the decision, if it was whole.
+    std::optional<Snapshot> lastSeenCopy_;
     State state_ = State::Made;
 
     // Work posted to the main queue holds a weak reference and does nothing

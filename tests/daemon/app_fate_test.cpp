@@ -61,9 +61,11 @@ TEST_F(AppFateTest, UpdateCheckParksServicesAfterAnAppChange) {
 }
 
 // The self-update that works is the end-to-end tests' (the app replaced);
-// here, the one that fails.
+// here, the ones that fail. The installed executable is never left in part.
 TEST_F(AppFateTest, FailedSelfUpdateSaysWhyAndDemotes) {
-    t.files.fail(FaultyFileOperations::Op::Remove, EROFS);
+    testing::writeFile(t.paths.appDaemonCopy(), "new daemon");
+    testing::writeFile(t.paths.installedDaemon(), "old daemon");
+    t.files.fail(FaultyFileOperations::Op::Move, EROFS);
     supervisor.update();
     // The failure demotes, and the demotion ends the process.
     EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
@@ -77,10 +79,12 @@ TEST_F(AppFateTest, FailedSelfUpdateSaysWhyAndDemotes) {
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[0], "WARNING: Removal of com.orvane.tessaryd failed");
     EXPECT_NE(lines[1].find("Read-only file system"), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(t.paths.stagedDaemon()));
     EXPECT_TRUE(t.serviceManager.isLoaded("com.orvane.tessaryd.UninstallExtras"));
 
-    // An app without a daemon inside: removal works, copying fails.
+    // An app without a daemon inside: copying fails.
     t.log.clear();
+    std::filesystem::remove(t.paths.appDaemonCopy());
     testing::writeFile(t.paths.installedDaemon(), "old daemon");
     supervisor.update();
     EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);

@@ -46,6 +46,12 @@ class FaultyFileOperations final : public FileOperations {
         }
         return real_.moveItem(f, t);
     }
+    Status replaceFile(const std::string& f, const std::string& t) override {
+        if (auto e = failure(Op::Move, t)) {
+            return *e;
+        }
+        return real_.replaceFile(f, t);
+    }
     Status removeItem(const std::string& p) override {
         if (auto e = failure(Op::Remove, p)) {
             return *e;

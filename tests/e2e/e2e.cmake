@@ -38,6 +38,9 @@ add_sandbox_test(e2e.daemon 300 COMMAND $<TARGET_FILE:tessary_daemon_e2e_tests>)
 add_sandbox_test(e2e.hostile 300 COMMAND $<TARGET_FILE:tessary_hostile_e2e_tests>)
 # The app's fate.
 add_sandbox_test(e2e.lifecycle 300 AS_SERVICE COMMAND $<TARGET_FILE:tessary_lifecycle_e2e_tests>)
+# It uses up root's inotify instances for a moment, which every process of
+# root's on the machine shares: nothing else may run beside it.
+set_tests_properties(e2e.lifecycle PROPERTIES RUN_SERIAL TRUE)
 add_sandbox_test(e2e.load 1200
   COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/load.sh $<TARGET_FILE:tessary_load_client>)
 add_sandbox_test(e2e.kill 600 AS_SERVICE

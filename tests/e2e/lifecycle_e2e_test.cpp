@@ -4,6 +4,9 @@
 // daemon uninstalls itself). The cases run in this order and build on each
 // other, as they would on one machine.
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -163,6 +166,99 @@ TEST_F(Lifecycle, C_ReplacedAppUpdatesTheDaemon) {
         fs::file_size(kInstalled),
         fs::file_size(std::string(kApp) + "/Contents/Library/LaunchServices/com.orvane.tessaryd"));
     fs::remove_all("/Applications/Tessary.app.old");
+}
+
+std::string contentsOf(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void writeFile(const std::string& path, const std::string& bytes,
+               std::ios::openmode mode = std::ios::trunc) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path, std::ios::binary | mode) << bytes;
+}
+
+// A copy tool that makes the directory first and writes the files over eight
+// seconds, the daemon copy in two halves and the main executable last: the
+// daemon waits for the whole copy and updates itself to it, never demotes.
+TEST_F(Lifecycle, C2_SlowCopyIsWaitedForAndInstalledWhole) {
+    const int before = daemonPid();
+    const std::string daemonCopy =
+        std::string(kApp) + "/Contents/Library/LaunchServices/com.orvane.tessaryd";
+    const std::string executable = std::string(kApp) + "/Contents/MacOS/Tessary";
+    const std::string newDaemon = contentsOf(daemonCopy) + "\n\n";  // a rebuilt daemon
+    const std::string newExecutable = contentsOf(executable);
+    fs::copy(kApp, "/run/tessary-copy-source", fs::copy_options::recursive);
+    const std::string logBefore = contentsOf("/run/tessaryd.syslog");
+
+    fs::remove_all(kApp);
+    fs::create_directories(std::string(kApp) + "/Contents");
+    std::this_thread::sleep_for(1s);
+    for (const char* part : {"Contents/Info.plist", "Contents/Resources", "Contents/TessaryRoot"}) {
+        fs::copy(std::string("/run/tessary-copy-source/") + part, std::string(kApp) + "/" + part,
+                 fs::copy_options::recursive);
+    }
+    std::this_thread::sleep_for(2s);
+    const std::size_t half = newDaemon.size() / 2;
+    writeFile(daemonCopy, newDaemon.substr(0, half));
+    std::this_thread::sleep_for(3s);  // the removal delay ends meanwhile
+    writeFile(daemonCopy, newDaemon.substr(half), std::ios::app);
+    ::chmod(daemonCopy.c_str(), 0755);
+    std::this_thread::sleep_for(2s);
+    writeFile(executable, newExecutable);
+    ::chmod(executable.c_str(), 0755);
+
+    ASSERT_TRUE(eventually([&] { return daemonPid() != before && daemonPid() != 0; }, 30s));
+    ASSERT_TRUE(eventually(answers));
+    EXPECT_EQ(contentsOf(kInstalled), newDaemon);
+    const std::string log = contentsOf("/run/tessaryd.syslog").substr(logBefore.size());
+    EXPECT_NE(log.find("was replaced."), std::string::npos) << log;
+    EXPECT_EQ(log.find("was removed."), std::string::npos) << log;
+    fs::remove_all("/run/tessary-copy-source");
+}
+
+// Root's inotify instances used up by others when the daemon starts: it
+// cannot watch the app, says so, and goes on as for an app in place, with
+// its choices; the watch is tried again and holds once instances are free
+// (the removal below is seen through it).
+TEST_F(Lifecycle, C3_NoInotifyAtStartIsNoRemoval) {
+    ASSERT_EQ(ask("enable", {{"service", Value("com.example.idle")}}).returnCode, 0);
+    const Value enabledBefore = *preferences().find("enabledServices");
+    std::ofstream(kMarker).flush();  // a machine that was set up: nothing is parked
+    // Stopped first, so that the instance it held is used up too.
+    run("systemctl --user stop com.orvane.tessaryd.service");
+    int ready[2];
+    int release[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    ASSERT_EQ(::pipe(release), 0);
+    const pid_t hog = ::fork();
+    if (hog == 0) {
+        const rlimit files{65536, 65536};
+        (void)::setrlimit(RLIMIT_NOFILE, &files);
+        while (::inotify_init1(IN_CLOEXEC) >= 0) {
+        }
+        (void)::write(ready[1], "x", 1);
+        char c = 0;
+        (void)::read(release[0], &c, 1);
+        ::_exit(0);
+    }
+    char c = 0;
+    ASSERT_EQ(::read(ready[0], &c, 1), 1);
+    const std::string logBefore = contentsOf("/run/tessaryd.syslog");
+    run("systemctl --user start com.orvane.tessaryd.service");
+    const bool answered = eventually(answers);
+    (void)::write(release[1], "x", 1);
+    ::waitpid(hog, nullptr, 0);
+    ASSERT_TRUE(answered);
+    const std::string log = contentsOf("/run/tessaryd.syslog").substr(logBefore.size());
+    EXPECT_NE(log.find("ERROR: Unable to watch /Applications/Tessary.app"), std::string::npos)
+        << log;
+    EXPECT_EQ(log.find("not found."), std::string::npos) << log;
+    EXPECT_TRUE(fs::exists(kInstalled));
+    EXPECT_EQ(*preferences().find("enabledServices"), enabledBefore);
+    EXPECT_TRUE(fs::exists("/run/systemd/system/com.example.idle.service"));  // still loaded
+    std::this_thread::sleep_for(11s);  // the watch is tried again
 }
 
 TEST_F(Lifecycle, D_RemovedAppUninstallsTheDaemon) {

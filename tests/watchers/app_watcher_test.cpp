@@ -9,6 +9,7 @@
 #include "doubles/fake_desktop.h"
 #include "doubles/fake_main_queue.h"
 #include "doubles/fake_watches.h"
+#include "doubles/recording_system_log.h"
 #include "platform/linux/posix_file_operations.h"
 #include "support/temp_dir.h"
 
@@ -26,9 +27,16 @@ class AppWatcherTest : public ::testing::Test {
     AppWatcherTest() {
         putBundle("first build");
         bundleInfo.executables[bundle] = executable;
+        bundleInfo.dictionaries[bundle] =
+            plist::Value(plist::Dictionary{{"CFBundleShortVersionString", plist::Value("5.12")}});
+        bundleInfo.dictionaries[daemonCopy] =
+            plist::Value(plist::Dictionary{{"CFBundleVersion", plist::Value("5.12")}});
     }
 
+    // A whole bundle: information list, daemon copy, main executable.
     void putBundle(const std::string& executableText) {
+        testing::writeFile(bundle + "/Contents/Info.plist", "info");
+        testing::writeFile(daemonCopy, "daemon");
         testing::writeFile(executable, executableText);
     }
     void removeBundle() { fs::remove_all(bundle); }
@@ -36,7 +44,7 @@ class AppWatcherTest : public ::testing::Test {
 
     std::unique_ptr<TYSupervisorAppWatcher> make() {
         return TYSupervisorAppWatcher::initWithURL(
-            bundle, {queue, events, coordination, files, bundleInfo});
+            bundle, {queue, events, coordination, files, bundleInfo, log, daemonCopy});
     }
 
     void startWatcher() {
@@ -72,16 +80,18 @@ class AppWatcherTest : public ::testing::Test {
     testing::TempDir dir;
     const std::string bundle = dir / "Tessary.app";
     const std::string executable = bundle + "/Contents/MacOS/Tessary";
+    const std::string daemonCopy = bundle + "/Contents/Library/LaunchServices/com.orvane.tessaryd";
     testing::FakeMainQueue queue;
     testing::FakeFileEvents events;
     testing::FakeFileCoordination coordination;
     linux_backend::PosixFileOperations files;
     testing::FakeBundleInfo bundleInfo;
+    testing::RecordingSystemLog log;
     std::unique_ptr<TYSupervisorAppWatcher> watcher;
     Calls calls;  // "what@tenths of a second"
 };
 
-TEST_F(AppWatcherTest, InitNeedsAWatchableBundleAndStartLetsEventsThrough) {
+TEST_F(AppWatcherTest, InitNeedsABundleAndStartLetsEventsThrough) {
     auto made = make();
     ASSERT_NE(made, nullptr);
     EXPECT_EQ(made->tessaryAppPath(), executable);
@@ -94,11 +104,62 @@ TEST_F(AppWatcherTest, InitNeedsAWatchableBundleAndStartLetsEventsThrough) {
     ASSERT_EQ(coordination.presenters.size(), 1u);
     EXPECT_EQ(coordination.presenters[0].second, bundle);
 
-    events.refuse = true;
-    EXPECT_EQ(make(), nullptr);
-    events.refuse = false;
     fs::remove(executable);
     EXPECT_EQ(make(), nullptr);
+}
+
+// A watch the machine cannot give (its inotify instances used up) is no news
+// about the bundle: an ERROR line, a retry, and once watched a look for what
+// changed meanwhile.
+TEST_F(AppWatcherTest, AWatchThatCannotBeSetUpIsRetriedNotARemoval) {
+    events.refuse = true;
+    startWatcher();
+    EXPECT_EQ(log.countStartingWith("ERROR: Unable to watch "), 1U);
+    queue.advance(10s);
+    EXPECT_EQ(log.countStartingWith("ERROR: Unable to watch "), 2U);
+    EXPECT_EQ(calls, Calls{});
+
+    // Replaced while nothing watched: seen at the first watch that holds.
+    putBundle("second build, longer");
+    events.refuse = false;
+    queue.advance(10s);
+    EXPECT_EQ(log.countStartingWith("ERROR: Unable to watch "), 2U);
+    queue.advance(2s);
+    EXPECT_EQ(calls, (Calls{"will-change@200", "replaced@220"}));
+
+    // Removed while nothing watched.
+    calls.clear();
+    events.refuse = true;
+    startWatcher();
+    removeBundle();
+    queue.advance(10s);
+    queue.advance(5s);
+    EXPECT_EQ(calls, (Calls{"will-change@320", "removed@370"}));
+}
+
+// A copy that arrives file by file, its daemon in two halves and its
+// executable last, is a replacement only once it is whole and still; never a
+// removal while something stands at the path.
+TEST_F(AppWatcherTest, ACopyStillArrivingIsWaitedFor) {
+    startWatcher();
+    removeBundle();
+    event(kFileEventDelete);
+    queue.advance(1s);
+    testing::writeFile(bundle + "/Contents/Info.plist", "info");
+    queue.advance(4s);  // the delay ends with half a bundle in place
+    EXPECT_EQ(watcher->state(), State::WaitingForCopy);
+    testing::writeFile(daemonCopy, "dae");
+    queue.advance(2s);
+    testing::writeFile(daemonCopy, "daemon, whole");
+    testing::writeFile(executable, "second");
+    queue.advance(1s);
+    testing::writeFile(executable, "second build, growing");
+    queue.advance(2s);  // whole at last, and seen so
+    testing::writeFile(executable, "second build, grown again");
+    queue.advance(2s);  // changed since: still not in place
+    EXPECT_EQ(calls, Calls{"will-change@0"});
+    queue.advance(1s);
+    EXPECT_EQ(calls, (Calls{"will-change@0", "replaced@130"}));
 }
 
 TEST_F(AppWatcherTest, RenameInPlaceWithTheSameExecutableIsNoChange) {
@@ -153,10 +214,11 @@ TEST_F(AppWatcherTest, NewCopyWithinTheDelayIsAReplacement) {
     event(kFileEventDelete);
     queue.advance(2s);
     putBundle("second build, longer");
-    queue.advance(2900ms);
+    queue.advance(3s);
     EXPECT_EQ(calls, Calls{"will-change@0"});
-    queue.advance(100ms);
-    EXPECT_EQ(calls, (Calls{"will-change@0", "replaced@50"}));
+    // Whole at the end of the delay; replaced once it has stayed so.
+    queue.advance(2s);
+    EXPECT_EQ(calls, (Calls{"will-change@0", "replaced@70"}));
 }
 
 TEST_F(AppWatcherTest, CopyStillUnderTheLockWaitsForItsRelease) {
@@ -178,7 +240,8 @@ TEST_F(AppWatcherTest, CopyStillUnderTheLockWaitsForItsRelease) {
     release();
     EXPECT_EQ(calls, Calls{"will-change@0"});  // posted, not yet run
     queue.runPending();
-    EXPECT_EQ(calls, (Calls{"will-change@0", "replaced@80"}));
+    queue.advance(2s);
+    EXPECT_EQ(calls, (Calls{"will-change@0", "replaced@100"}));
     EXPECT_FALSE(watcher->trovelHasLock());
     EXPECT_EQ(watcher->state(), State::Decided);
 
@@ -186,7 +249,7 @@ TEST_F(AppWatcherTest, CopyStillUnderTheLockWaitsForItsRelease) {
     // reports a replacement again.
     takeLock()();
     queue.runPending();
-    EXPECT_EQ(calls, (Calls{"will-change@0", "replaced@80", "replaced@80"}));
+    EXPECT_EQ(calls, (Calls{"will-change@0", "replaced@100", "replaced@100"}));
 }
 
 TEST_F(AppWatcherTest, LockReleasedWhileTheBundleIsMissingIsARemoval) {
@@ -221,19 +284,21 @@ TEST_F(AppWatcherTest, NothingInPlaceWhenTheDelayEndsIsARemovalDespiteTheLock) {
     EXPECT_EQ(calls, (Calls{"will-change@0", "removed@50"}));
 }
 
-TEST_F(AppWatcherTest, ChangedExecutableInOneRenameIsReplacedAtOnce) {
+TEST_F(AppWatcherTest, ChangedExecutableInOneRenameIsReplacedOnceSettled) {
     startWatcher();
     removeBundle();
     putBundle("second build, longer");
     event(kFileEventRename);
-    EXPECT_EQ(calls, (Calls{"will-change@0", "replaced@0"}));
+    EXPECT_EQ(calls, (Calls{"will-change@0"}));
+    queue.advance(2s);
+    EXPECT_EQ(calls, (Calls{"will-change@0", "replaced@20"}));
     EXPECT_EQ(queue.pendingTimers(), 0u);
     EXPECT_EQ(watcher->state(), State::Decided);
 
     // Once detected, a bundle that differs again is not news.
     putBundle("third build, longer still");
     event(kFileEventRename);
-    EXPECT_EQ(calls, (Calls{"will-change@0", "replaced@0"}));
+    EXPECT_EQ(calls, (Calls{"will-change@0", "replaced@20"}));
 }
 
 TEST_F(AppWatcherTest, WorkPendingWhenTheWatcherGoesIsDropped) {

@@ -227,6 +227,13 @@ Status PosixFileOperations::moveItem(const std::string& from, const std::string&
     return removeItem(from);
 }
 
+Status PosixFileOperations::replaceFile(const std::string& from, const std::string& to) {
+    if (::rename(from.c_str(), to.c_str()) != 0) {
+        return failure(errno, "replace", to);
+    }
+    return {};
+}
+
 Status PosixFileOperations::removeItem(const std::string& path) {
     if (!exists(path)) {
         return failure(ENOENT, "remove", path);

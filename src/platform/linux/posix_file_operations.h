@@ -14,6 +14,7 @@ class PosixFileOperations final : public FileOperations {
                            std::optional<std::uint32_t> mode) override;
     Status copyFile(const std::string& from, const std::string& to) override;
     Status moveItem(const std::string& from, const std::string& to) override;
+    Status replaceFile(const std::string& from, const std::string& to) override;
     Status removeItem(const std::string& path) override;
     Result<std::vector<std::string>> listDirectory(const std::string& path) override;
     Result<FileAttributes> attributes(const std::string& path) override;
