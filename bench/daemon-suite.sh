@@ -82,7 +82,10 @@ if [[ "$mode" == full ]]; then
     kill "$minimal_pid"
 fi
 
+# TESSARY_BENCH_FILTER, when set, picks the benchmarks to run (a regular
+# expression, as --benchmark_filter takes it).
 TESSARYCTL="$build/tessaryctl" "$build/bench/tessary_daemon_bench" \
+    ${TESSARY_BENCH_FILTER:+--benchmark_filter="$TESSARY_BENCH_FILTER"} \
     --benchmark_out="$out/daemon.json" --benchmark_out_format=json
 
 if [[ "$mode" == full ]]; then
