@@ -20,10 +20,11 @@ for target in build/fuzz/fuzz/fuzz_*; do
     seeds="fuzz/corpus/${name#fuzz_}"
     scratch="$(mktemp -d)"
     echo "== $name for ${seconds}s"
-    "$target" -max_total_time="$seconds" -rss_limit_mb=1024 -timeout=10 -print_final_stats=1 \
-        -artifact_prefix="$artifacts/$name-" \
-        "$scratch" "$seeds" 2>&1 | grep -E '^(stat::number_of_executed_units|Done|==[0-9]+==|SUMMARY)' || true
-    status="${PIPESTATUS[0]}"
+    status=0
+    "$target" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=30 -print_final_stats=1 \
+        -artifact_prefix="$artifacts/$name-" "$scratch" "$seeds" >"$scratch.log" 2>&1 || status=$?
+    grep -E '^(stat::number_of_executed_units|Done|==[0-9]+==|SUMMARY)' "$scratch.log" || true
+    rm -f "$scratch.log"
     rm -rf "$scratch"
     if [[ "$status" != 0 ]]; then
         echo "$name found a failure; its input is in $artifacts" >&2

@@ -287,16 +287,18 @@ bool isBlank(char c) {
 }
 
 // An XML document has no shared objects: what it builds is bounded by its
-// size, but for its nesting, which libplist follows by recursion. Every
-// value is one element, so the number of '<' bounds the nodes whatever the
-// parser makes of comments and declarations; the scan follows the markup to
-// measure nesting and text and to see that the document is whole.
+// size, but for its nesting, which libplist follows by recursion. The scan
+// follows the markup to count elements (every value and key is one), measure
+// nesting and text, and see that the document is whole. Every element takes
+// at most two '<', so their number bounds the nodes whatever a parser makes
+// of comments and declarations.
 std::string xmlOverBudget(std::string_view t, const Budget& budget) {
     constexpr std::string_view kIncomplete =
         "not a property list: XML document incomplete or not a plist";
-    if (static_cast<std::size_t>(std::count(t.begin(), t.end(), '<')) > budget.maxNodes) {
+    if (static_cast<std::size_t>(std::count(t.begin(), t.end(), '<')) > 2 * budget.maxNodes + 16) {
         return moreThan(budget.maxNodes, "values");
     }
+    std::size_t elements = 0;
     if (t.substr(0, 3) == "\xEF\xBB\xBF") {
         t.remove_prefix(3);
     }
@@ -305,7 +307,13 @@ std::string xmlOverBudget(std::string_view t, const Budget& budget) {
     std::size_t totalText = 0;
     bool rootOpened = false;
     bool rootClosed = false;
+    // The white space between elements builds nothing.
+    bool blankText = true;
     auto endOfText = [&]() -> std::string {
+        if (blankText) {
+            text = 0;
+        }
+        blankText = true;
         if (text > budget.maxItemBytes) {
             return moreThan(budget.maxItemBytes, "bytes in one value");
         }
@@ -345,6 +353,9 @@ std::string xmlOverBudget(std::string_view t, const Budget& budget) {
                              t.begin() + static_cast<std::ptrdiff_t>(next), isBlank)) {
                 return std::string(kIncomplete);
             }
+            blankText =
+                blankText && std::all_of(t.begin() + static_cast<std::ptrdiff_t>(i),
+                                         t.begin() + static_cast<std::ptrdiff_t>(next), isBlank);
             text += next - i;
             i = next;
             continue;
@@ -363,6 +374,7 @@ std::string xmlOverBudget(std::string_view t, const Budget& budget) {
             }
             if (end != std::string_view::npos) {
                 text += end - (i + 9);
+                blankText = false;
             }
         } else if (rest.substr(0, 2) == "<?") {
             end = t.find("?>", i + 2);
@@ -397,6 +409,8 @@ std::string xmlOverBudget(std::string_view t, const Budget& budget) {
                     return std::string(kIncomplete);
                 }
                 rootOpened = true;
+            } else if (++elements > budget.maxNodes) {
+                return moreThan(budget.maxNodes, "values");
             }
             if (t[end - 1] != '/') {
                 // Containers count as in a binary list: the "plist" element

@@ -35,12 +35,13 @@ inline constexpr Budget kRequestBudget{
 
 // What a file the daemon reads may hold: its preferences, the app's
 // definitions and information lists. They are root's files, but a damaged
-// one must not be able to take the machine's memory either.
+// one must not be able to take the machine's memory either. A preferences
+// file with a thousand created services holds some fifty thousand values.
 inline constexpr Budget kFileBudget{
-    .maxNodes = std::size_t{1} << 20,
-    .maxBytes = std::size_t{64} << 20,
+    .maxNodes = std::size_t{1} << 18,
+    .maxBytes = std::size_t{16} << 20,
     .maxDepth = 256,
-    .maxItemBytes = std::size_t{16} << 20,
+    .maxItemBytes = std::size_t{4} << 20,
 };
 
 // Why `bytes` would go over `budget` once built, or is no whole property

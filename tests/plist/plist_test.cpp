@@ -149,6 +149,12 @@ TEST(PlistBudget, CountsSharedObjectsOncePerReference) {
     ASSERT_TRUE(r.ok()) << r.error().description;
     const Value pair(Array{Value("ab"), Value("ab")});
     EXPECT_EQ(r.value(), Value(Array{pair, pair}));
+    // Written out in either form, it costs what it cost: what was read can
+    // be read again.
+    for (Format f : {Format::Xml, Format::Binary}) {
+        const Bytes again = encode(r.value(), f).value();
+        EXPECT_TRUE(decode(std::span<const std::uint8_t>(again), exact).ok()) << text(again);
+    }
     for (std::size_t Budget::*limit :
          {&Budget::maxNodes, &Budget::maxBytes, &Budget::maxDepth, &Budget::maxItemBytes}) {
         Budget less = exact;
