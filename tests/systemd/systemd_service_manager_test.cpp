@@ -118,7 +118,7 @@ TEST_F(SystemdServiceManagerTest, RunAtLoadJobRunsExactlyAsGivenAndRemovalLeaves
 
     ASSERT_TRUE(backend.removeJob(job, auth, true).ok());
     EXPECT_TRUE(processGone(probe->pid));
-    EXPECT_FALSE(backend.jobIsEnabled(job));
+    EXPECT_EQ(backend.jobIsEnabled(job), Answer::No);
     EXPECT_EQ(loadState(job + ".service"), "not-found");
     EXPECT_FALSE(unitFileExists(job + ".service"));
     const Status again = backend.removeJob(job, auth, true);
@@ -129,9 +129,9 @@ TEST_F(SystemdServiceManagerTest, RunAtLoadJobRunsExactlyAsGivenAndRemovalLeaves
 TEST_F(SystemdServiceManagerTest, JobWithoutTriggerIsLoadedNotRunAndRefusalsChangeNothing) {
     const std::string job = label();
     const Dictionary dict = probeJob(job);
-    EXPECT_FALSE(backend.jobIsEnabled(job));
+    EXPECT_EQ(backend.jobIsEnabled(job), Answer::No);
     ASSERT_TRUE(backend.submitJob(Value(dict), auth).ok());
-    EXPECT_TRUE(backend.jobIsEnabled(job));
+    EXPECT_EQ(backend.jobIsEnabled(job), Answer::Yes);
     EXPECT_EQ(state(job + ".service"), "inactive");
     const std::string unitFile = std::string(kManagerUnitDirectory) + "/" + job + ".service";
     const auto written = std::filesystem::last_write_time(unitFile);
@@ -152,7 +152,7 @@ TEST_F(SystemdServiceManagerTest, JobWithoutTriggerIsLoadedNotRunAndRefusalsChan
         const Status s = backend.submitJob(Value(refusedJob), authorization);
         ASSERT_FALSE(s.ok()) << reason;
         EXPECT_NE(s.error().description.find(reason), std::string::npos) << s.error().description;
-        EXPECT_EQ(backend.jobIsEnabled(name), name == job) << name;
+        EXPECT_EQ(backend.jobIsEnabled(name), name == job ? Answer::Yes : Answer::No) << name;
         EXPECT_EQ(unitFileExists(name + ".service"), name == job) << name;
         EXPECT_FALSE(unitFileExists(name + ".socket")) << name;
     }
@@ -171,7 +171,7 @@ TEST_F(SystemdServiceManagerTest, FailedJobStillReferredToIsRemovedWhole) {
     ASSERT_FALSE(failed.ok());
     EXPECT_NE(failed.error().description.find("203/EXEC"), std::string::npos)
         << failed.error().description;
-    EXPECT_TRUE(backend.jobIsEnabled(job));
+    EXPECT_EQ(backend.jobIsEnabled(job), Answer::Yes);
     EXPECT_EQ(state(job + ".service"), "failed");
 
     // A running unit ordered after the job keeps the job's unit in the
@@ -216,7 +216,7 @@ TEST_F(SystemdServiceManagerTest, RemovesOfDifferentJobsOverlapInTime) {
     for (int i = 0; i < kJobs; ++i) {
         EXPECT_TRUE(results[i].ok()) << jobs[i] << ": " << results[i].error().description;
         EXPECT_TRUE(processGone(pids[i])) << jobs[i];
-        EXPECT_FALSE(backend.jobIsEnabled(jobs[i])) << jobs[i];
+        EXPECT_EQ(backend.jobIsEnabled(jobs[i]), Answer::No) << jobs[i];
     }
     // Every stop waited its second; one after the other they would take ten.
     EXPECT_GE(elapsed, 1s);
