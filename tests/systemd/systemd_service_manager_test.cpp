@@ -189,6 +189,55 @@ TEST_F(SystemdServiceManagerTest, FailedJobStillReferredToIsRemovedWhole) {
     std::filesystem::remove(std::string(kManagerUnitDirectory) + "/" + holder);
 }
 
+// Only units loaded from the unit directory are the job's: one of the same
+// name from elsewhere is left alone and never shadowed; one of the directory
+// that lost its file is still found and removed; one whose stop cannot be
+// queued keeps its file and so stays the job's.
+TEST_F(SystemdServiceManagerTest, OnlyUnitsOfTheUnitDirectoryAreTheJobs) {
+    const std::string foreign = label("foreign");
+    const std::string unit = foreign + ".service";
+    ASSERT_EQ(
+        std::system(("systemd-run --user --quiet --unit=" + unit + " /bin/sleep 1000").c_str()), 0);
+    const std::string fragment = manager.property(unit, "FragmentPath");
+    EXPECT_EQ(backend.jobIsEnabled(foreign), Answer::No);
+    const Status removed = backend.removeJob(foreign, auth, true);
+    ASSERT_FALSE(removed.ok());
+    EXPECT_EQ(removed.error().code, ESRCH);
+    const Status shadowing = backend.submitJob(Value(probeJob(foreign)), auth);
+    ASSERT_FALSE(shadowing.ok());
+    EXPECT_NE(shadowing.error().description.find(unit + " from '" + fragment + "'"),
+              std::string::npos)
+        << shadowing.error().description;
+    EXPECT_EQ(state(unit), "active");
+    EXPECT_EQ(manager.property(unit, "FragmentPath"), fragment);
+    EXPECT_FALSE(unitFileExists(unit));
+
+    const std::string orphan = label("orphan");
+    Dictionary dict = probeJob(orphan);
+    dict["RunAtLoad"] = Value::boolean(true);
+    ASSERT_TRUE(backend.submitJob(Value(dict), auth).ok());
+    const pid_t pid = running(orphan).value_or(Running{}).pid;
+    std::filesystem::remove(std::string(kManagerUnitDirectory) + "/" + orphan + ".service");
+    EXPECT_EQ(backend.jobIsEnabled(orphan), Answer::Yes);
+    EXPECT_FALSE(backend.submitJob(Value(dict), auth).ok());
+    const Status orphanRemoved = backend.removeJob(orphan, auth, true);
+    EXPECT_TRUE(orphanRemoved.ok()) << orphanRemoved.error().description;
+    EXPECT_TRUE(processGone(pid));
+    EXPECT_EQ(backend.jobIsEnabled(orphan), Answer::No);
+
+    const std::string stubborn = label("stubborn");
+    testing::writeFile(std::string(kManagerUnitDirectory) + "/" + stubborn + ".service",
+                       "[Unit]\nRefuseManualStop=yes\n[Service]\nExecStart=/bin/sleep 1000\n");
+    ASSERT_EQ(std::system(("systemctl --user start " + stubborn + ".service").c_str()), 0);
+    EXPECT_FALSE(backend.removeJob(stubborn, auth, true).ok());
+    EXPECT_TRUE(unitFileExists(stubborn + ".service"));
+    EXPECT_EQ(backend.jobIsEnabled(stubborn), Answer::Yes);
+
+    SystemdServiceManager unreachable{{dir.path() + "/no-manager", kManagerUnitDirectory, ""}, log};
+    EXPECT_EQ(unreachable.jobIsEnabled(foreign), Answer::Unknown);
+    (void)std::system(("systemctl --user stop " + unit).c_str());
+}
+
 TEST_F(SystemdServiceManagerTest, RemovesOfDifferentJobsOverlapInTime) {
     constexpr int kJobs = 10;
     std::vector<std::string> jobs;
