@@ -118,7 +118,7 @@ void BM_BackendIsLoaded(benchmark::State& state) {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
     for (auto _ : state) {
-        if (!backend().manager.jobIsEnabled(kLabel)) {
+        if (backend().manager.jobIsEnabled(kLabel) != Answer::Yes) {
             state.SkipWithError("not loaded");
         }
     }
@@ -294,7 +294,7 @@ void BM_StopAllTwentySlowServices(benchmark::State& state) {
         fleet->supervisor.stopAllServices();
         state.PauseTiming();
         for (const std::string& label : fleet->labels) {
-            if (fleet->manager.jobIsEnabled(label)) {
+            if (fleet->manager.jobIsEnabled(label) != Answer::No) {
                 state.SkipWithError("a service is still loaded");
             }
         }

@@ -232,7 +232,9 @@ class Manager {
 
 SystemdServiceManager makeServiceManager(const Paths& paths, SystemLog& log) {
     return SystemdServiceManager(
-        {paths.systemdPrivateSocket(), paths.systemdUnitDirectory(), kHelperBinDirectory}, log);
+        {paths.systemdPrivateSocket(), paths.systemdUnitDirectory(), kHelperBinDirectory, nullptr,
+         paths.systemdGeneratorDirectory(), kDaemonLabel},
+        log);
 }
 
 // Root's own authorization; none for anyone else, which the backend refuses.
@@ -337,7 +339,7 @@ Status startDaemon(const Paths& paths, const plist::Value& job) {
     }
     SyslogSystemLog log;
     SystemdServiceManager serviceManager = makeServiceManager(paths, log);
-    if (!serviceManager.jobIsEnabled(kDaemonLabel)) {
+    if (serviceManager.jobIsEnabled(kDaemonLabel) != Answer::Yes) {
         return serviceManager.submitJob(job, ownAuthorization());
     }
     auto manager = Manager::connect(paths);
@@ -378,7 +380,8 @@ void waitUntilRemoved(ServiceManagerClient& serviceManager,
                       std::initializer_list<const char*> labels) {
     const auto deadline = std::chrono::steady_clock::now() + kSettleTimeout;
     for (const char* label : labels) {
-        while (serviceManager.jobIsEnabled(label) && std::chrono::steady_clock::now() < deadline) {
+        while (serviceManager.jobIsEnabled(label) != Answer::No &&
+               std::chrono::steady_clock::now() < deadline) {
             std::this_thread::sleep_for(kPollInterval);
         }
     }
@@ -423,12 +426,14 @@ Status uninstall(const Paths& paths) {
         }
     }
     if (managed) {
-        // The unit the generator made at boot goes only when the generators
-        // run again without the job definition file.
+        // The daemon's unit is the backend's to stop while it is still loaded
+        // from its file, the generator's included: a Reload first would leave
+        // a running daemon without a file, which is nobody's. The generators
+        // then run again without the job definition file.
+        keepFirstFailure(removeJob(serviceManager, kDaemonLabel));
         auto manager = Manager::connect(paths);
         keepFirstFailure(manager ? manager.value().reload() : Status(manager.error()));
-        keepFirstFailure(removeJob(serviceManager, kDaemonLabel));
-        if (serviceManager.jobIsEnabled(kUninstallExtrasLabel)) {
+        if (serviceManager.jobIsEnabled(kUninstallExtrasLabel) != Answer::No) {
             keepFirstFailure(removeJob(serviceManager, kUninstallExtrasLabel));
         }
     }

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "daemon/daemon_info.h"
 #include "daemon/supervisor.h"
 #include "platform/linux/absent_facilities.h"
 #include "platform/linux/desktop_notices.h"
@@ -64,7 +65,7 @@ int main() {
     PosixFileOperations files;
     SystemdServiceManager serviceManager(
         {std::string(paths.systemdPrivateSocket()), std::string(paths.systemdUnitDirectory()),
-         kHelperBinDirectory, queue.event()},
+         kHelperBinDirectory, queue.event(), paths.systemdGeneratorDirectory(), kDaemonLabel},
         log);
     PolkitAuthorizationService authorization;
     ProcCodeSigningService codeSigning;

@@ -121,7 +121,7 @@ void TYSupervisedJob::replaceKey(const char* key, const std::optional<Value>& va
 }
 
 void TYSupervisedJob::reloadIfLoaded() {
-    if (loaded()) {
+    if (loaded() == Answer::Yes) {
         remove();
         submit();
     }
@@ -159,9 +159,9 @@ void TYSupervisedJob::setStartCalendarIntervals(const std::optional<Value>& inte
     reloadIfLoaded();
 }
 
-bool TYSupervisedJob::loaded() const {
+Answer TYSupervisedJob::loaded() const {
     if (!programArguments()) {
-        return true;
+        return Answer::Yes;
     }
     return env().serviceManager.jobIsEnabled(label());
 }

@@ -49,7 +49,7 @@ class TYSupervisedJob {
     void setStartCalendarIntervals(const std::optional<plist::Value>& intervals);
 
     // Asks the service manager every time.
-    bool loaded() const;
+    Answer loaded() const;
     void submit() const;
     void remove() const;
 

@@ -99,26 +99,30 @@ bool TYSupervisedService::loadable() const {
     return true;
 }
 
-bool TYSupervisedService::loaded() const {
+Answer TYSupervisedService::loaded() const {
     for (const JobPtr& job : jobs()) {
-        if (!job->loaded()) {
-            return false;
+        if (const Answer a = job->loaded(); a != Answer::Yes) {
+            return a;
         }
     }
     for (const ServicePtr& c : components_) {
-        if (!c->loaded()) {
-            return false;
+        if (const Answer a = c->loaded(); a != Answer::Yes) {
+            return a;
         }
     }
-    return true;
+    return Answer::Yes;
 }
 
+// A service whose state the manager did not tell is neither started here nor
+// stopped in `stop`: the next synchronisation asks again. Acting on a guess
+// would submit a job that may be running, or remove one that may be another's
+// to keep, and either call meets the same silent manager.
 bool TYSupervisedService::startable() const {
-    return on() && !loaded() && loadable();
+    return on() && loaded() == Answer::No && loadable();
 }
 
 bool TYSupervisedService::started() const {
-    return on() && loaded();
+    return on() && loaded() == Answer::Yes;
 }
 
 bool TYSupervisedService::stopable() const {
@@ -135,13 +139,21 @@ bool TYSupervisedService::migratable() const {
     return false;
 }
 
-bool TYSupervisedService::stale() const {
+Answer TYSupervisedService::stale() const {
+    Answer stale = Answer::No;
     for (const JobPtr& job : jobs()) {
-        if (job->transient() && !job->loaded()) {
-            return true;
+        if (!job->transient()) {
+            continue;
+        }
+        const Answer loaded = job->loaded();
+        if (loaded == Answer::No) {
+            return Answer::Yes;
+        }
+        if (loaded == Answer::Unknown) {
+            stale = Answer::Unknown;
         }
     }
-    return false;
+    return stale;
 }
 
 bool TYSupervisedService::preventsSleep() const {
@@ -197,7 +209,7 @@ void TYSupervisedService::start() {
 // Unlike start, stop leaves the components alone.
 void TYSupervisedService::stop() {
     for (const JobPtr& job : jobs()) {
-        if (job->loaded()) {
+        if (job->loaded() == Answer::Yes) {
             job->remove();
         }
     }

@@ -52,12 +52,16 @@ class TYSupervisedService : public std::enable_shared_from_this<TYSupervisedServ
 
     bool needed() const;
     bool loadable() const;
-    bool loaded() const;
+    // The first answer that is not Yes decides, so that no question is asked
+    // past it.
+    Answer loaded() const;
     bool startable() const;
     bool started() const;
     bool stopable() const;
     bool migratable() const;
-    bool stale() const;
+    // Yes when some transient job is known not to be loaded; Unknown when
+    // none is, but the manager did not say for some.
+    Answer stale() const;
     bool preventsSleep() const;
     bool unloadOnSleep() const;
 

@@ -42,6 +42,9 @@ class Paths {
     static constexpr std::string_view kRequestSocket = "/run/com.orvane.tessaryd";
     static constexpr std::string_view kSystemdPrivateSocket = "/run/systemd/private";
     static constexpr std::string_view kSystemdUnitDirectory = "/run/systemd/system";
+    // Where the system manager's generators write; the daemon's unit is made
+    // there at boot.
+    static constexpr std::string_view kSystemdGeneratorDirectory = "/run/systemd/generator";
 
     explicit Paths(std::string root = "/");
 
@@ -66,6 +69,7 @@ class Paths {
     std::string requestSocket() const { return resolve(kRequestSocket); }
     std::string systemdPrivateSocket() const { return resolve(kSystemdPrivateSocket); }
     std::string systemdUnitDirectory() const { return resolve(kSystemdUnitDirectory); }
+    std::string systemdGeneratorDirectory() const { return resolve(kSystemdGeneratorDirectory); }
 
   private:
     std::string root_;

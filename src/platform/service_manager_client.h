@@ -9,6 +9,10 @@
 
 namespace tessary {
 
+// An answer that may not have come: Unknown when the service manager could
+// not be asked or did not answer, which says nothing either way.
+enum class Answer { Yes, No, Unknown };
+
 // The operating system's service manager, always in its system domain: the
 // daemon's jobs are system jobs. On Linux this is systemd.
 class ServiceManagerClient {
@@ -20,8 +24,10 @@ class ServiceManagerClient {
     // Removes the job named `label`; with `wait`, returns once it is gone.
     virtual Status removeJob(std::string_view label, const AuthorizationRef& authorization,
                              bool wait) = 0;
-    // Whether the service manager holds the job `label`.
-    virtual bool jobIsEnabled(std::string_view label) = 0;
+    // Whether the service manager holds the job `label` as this client put
+    // it there. A job of that name that the manager has from anywhere else
+    // is not this client's: No.
+    virtual Answer jobIsEnabled(std::string_view label) = 0;
 };
 
 }  // namespace tessary

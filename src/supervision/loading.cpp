@@ -63,10 +63,16 @@ void TYSupervisor::loadServices() {
         }
         taken.insert(*label);
         ServicePtr service = TYSupervisedService::make(*this, definition);
-        if (service->stale()) {
+        const Answer stale = service->stale();
+        if (stale == Answer::Yes) {
             preferences_.removeDynamicService(*label);
             setServiceEnabled(*service, false);
             continue;
+        }
+        if (stale == Answer::Unknown) {
+            // Only a manager that said the job is gone may cost the user the
+            // definition; it is asked again at the next load.
+            log.warning("WARNING: Unable to learn whether %@ is loaded; keeping it", *label);
         }
         service->setOn(serviceIsEnabled(*service));
         result->push_back(std::move(service));

@@ -54,10 +54,13 @@ class FakeServiceManager final : public ServiceManagerClient {
         return {};
     }
 
-    bool jobIsEnabled(std::string_view label) override {
+    Answer jobIsEnabled(std::string_view label) override {
         std::lock_guard lock(mutex_);
         ++loadedQueries_;
-        return loaded_.count(std::string(label)) != 0;
+        if (unanswered_.count(std::string(label)) != 0) {
+            return Answer::Unknown;
+        }
+        return loaded_.count(std::string(label)) != 0 ? Answer::Yes : Answer::No;
     }
 
     // Test controls.
@@ -68,6 +71,11 @@ class FakeServiceManager final : public ServiceManagerClient {
     void failSubmit(const std::string& label, std::string text) {
         std::lock_guard lock(mutex_);
         submitFailures_[label] = std::move(text);
+    }
+    // Questions about `label` get no answer.
+    void leaveUnanswered(const std::string& label) {
+        std::lock_guard lock(mutex_);
+        unanswered_.insert(label);
     }
     void setRemoveDelay(std::chrono::milliseconds d) {
         std::lock_guard lock(mutex_);
@@ -131,6 +139,7 @@ class FakeServiceManager final : public ServiceManagerClient {
     mutable std::mutex mutex_;
     std::map<std::string, plist::Value> loaded_;
     std::map<std::string, std::string> submitFailures_;
+    std::set<std::string> unanswered_;
     std::chrono::milliseconds removeDelay_{0};
     std::vector<std::string> submitted_;
     std::vector<std::string> removed_;

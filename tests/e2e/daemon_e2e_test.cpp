@@ -8,7 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -139,6 +141,72 @@ TEST(DaemonEndToEnd, DynamicServicesComeAndGo) {
             EXPECT_NE(l, Value("com.example.dynamic"));
         }
     }
+}
+
+bool listed(const char* key, const std::string& label) {
+    const auto list = ask("list");
+    const Array* labels = list.result ? list.result->find(key)->array() : nullptr;
+    return labels != nullptr &&
+           std::find(labels->begin(), labels->end(), Value(label)) != labels->end();
+}
+
+int shell(const std::string& command) {
+    return std::system(command.c_str());
+}
+
+// A unit of another's with a dynamic service's label runs on whatever the
+// daemon does with the service, and the one start it refuses says why.
+TEST(DaemonEndToEnd, AUnitOfAnothersWithTheSameLabelIsLeftAlone) {
+    const std::string label = "com.example.elsewhere";
+    ASSERT_EQ(shell("systemd-run --user --quiet --unit=" + label + ".service /bin/sleep 1000"), 0);
+    const Value service(label);
+    const Value definition(Dictionary{{"Label", service},
+                                      {"ProgramArguments", labels({"/bin/sleep", "1000"})},
+                                      {"KeepAlive", Value::boolean(true)}});
+    EXPECT_EQ(ask("create", {{"serviceDictionary", definition}}).returnCode, 0);
+    EXPECT_EQ(ask("enable", {{"service", service}}).returnCode, 0);
+    EXPECT_TRUE(listed("enabledServices", label));
+    EXPECT_EQ(ask("disable", {{"service", service}}).returnCode, 0);
+    EXPECT_EQ(ask("destroy", {{"service", service}}).returnCode, 0);
+    EXPECT_EQ(unitState(label), "active");
+    EXPECT_FALSE(fs::exists("/run/systemd/system/" + label + ".service"));
+
+    const std::string log = readAll("/run/tessaryd.syslog");
+    const std::string refusal = "ERROR: LodgeJob: Job " + label +
+                                " would shadow another unit: the service manager has " + label +
+                                ".service from '";
+    const auto first = log.find(refusal);
+    EXPECT_NE(first, std::string::npos) << log;
+    EXPECT_EQ(log.find(refusal, first + 1), std::string::npos) << log;
+    (void)shell("systemctl --user stop " + label + ".service");
+}
+
+// A load during which the service manager cannot be reached keeps a
+// transient dynamic service, running and switched on, as it was.
+TEST(DaemonEndToEnd, ATransientServiceSurvivesALoadWithoutTheManager) {
+    const std::string label = "com.example.transient";
+    const Value service(label);
+    const Value definition(Dictionary{{"Label", service},
+                                      {"ProgramArguments", labels({"/bin/sleep", "1000"})},
+                                      {"KeepAlive", Value::boolean(true)},
+                                      {"Transient", Value::boolean(true)}});
+    EXPECT_EQ(ask("create", {{"serviceDictionary", definition}}).returnCode, 0);
+    EXPECT_EQ(ask("enable", {{"service", service}}).returnCode, 0);
+    EXPECT_TRUE(eventually([&] { return unitState(label) == "active"; }));
+
+    // The manager's socket goes, and a re-execution closes the daemon's
+    // connection, as in tests/e2e/faults.sh.
+    ASSERT_EQ(shell("umount /run/systemd/private && systemctl --user daemon-reexec"), 0);
+    EXPECT_EQ(ask("restoreServices").returnCode, 0);
+    ASSERT_EQ(shell("mount --bind \"$XDG_RUNTIME_DIR/systemd/private\" /run/systemd/private"), 0);
+
+    EXPECT_TRUE(listed("enabledServices", label));
+    EXPECT_EQ(unitState(label), "active");
+    EXPECT_NE(readAll("/run/tessaryd.syslog")
+                  .find("WARNING: Unable to learn whether " + label + " is loaded; keeping it"),
+              std::string::npos);
+    EXPECT_EQ(ask("destroy", {{"service", service}}).returnCode, 0);
+    EXPECT_TRUE(eventually([&] { return unitState(label) != "active"; }));
 }
 
 // Labels that must never become paths or directives: every refusal is clean,

@@ -89,7 +89,7 @@ TEST_F(ModelTest, PlaceholderJobsNeverReachTheServiceManager) {
     ServicePtr s = make(Value(Dictionary{{"Label", Value("ph")}}));
     JobPtr job = jobOf(s);
     EXPECT_FALSE(job->programArguments());
-    EXPECT_TRUE(job->loaded());
+    EXPECT_EQ(job->loaded(), Answer::Yes);
     job->submit();
     job->remove();
     EXPECT_EQ(t.serviceManager.loadedQueries() + t.serviceManager.submitCalls() +
@@ -138,15 +138,24 @@ TEST_F(ModelTest, Predicates) {
     s->setOn(true);
     EXPECT_TRUE(s->startable());
     EXPECT_FALSE(s->stopable());
-    EXPECT_FALSE(s->stale());  // only transient jobs can be
+    EXPECT_EQ(s->stale(), Answer::No);  // only transient jobs can be
     t.serviceManager.load("q");
     EXPECT_FALSE(s->startable());
     EXPECT_TRUE(s->started());
 
     ServicePtr transient = make(definition("tr", {{"Transient", Value::boolean(true)}}));
-    EXPECT_TRUE(transient->stale());
+    EXPECT_EQ(transient->stale(), Answer::Yes);
     t.serviceManager.load("tr");
-    EXPECT_FALSE(transient->stale());
+    EXPECT_EQ(transient->stale(), Answer::No);
+
+    // Without an answer a service is neither started nor stopped, nor stale.
+    t.serviceManager.leaveUnanswered("tr");
+    transient->setOn(true);
+    EXPECT_FALSE(transient->startable());
+    EXPECT_FALSE(transient->started());
+    EXPECT_EQ(transient->stale(), Answer::Unknown);
+    transient->stop();
+    EXPECT_EQ(t.serviceManager.removeCalls(), 0);
 }
 
 TEST_F(ModelTest, SleepFlagsAndTheServicesOwnAssertion) {

@@ -81,25 +81,33 @@ TEST_F(SupervisionTest, DynamicServicesShareTheLabelsAndStaleOnesVanish) {
         definition("stale", {{"Transient", Value::boolean(true)}}));
     prefs.addDynamicServiceWithDictionary(
         definition("alive", {{"Transient", Value::boolean(true)}}));
+    prefs.addDynamicServiceWithDictionary(
+        definition("unanswered", {{"Transient", Value::boolean(true)}}));
     prefs.setServiceEnabled("stale", true);
     prefs.setServiceEnabled("dyn", true);
+    prefs.setServiceEnabled("unanswered", true);
     t.serviceManager.load("alive");
+    t.serviceManager.leaveUnanswered("unanswered");
 
     supervisor.loadServices();
 
-    EXPECT_EQ(labels(), (std::vector<std::string>{"shared", "dyn", "alive"}));
+    EXPECT_EQ(labels(), (std::vector<std::string>{"shared", "dyn", "alive", "unanswered"}));
     EXPECT_EQ(supervisor.serviceWithLabel("shared")->dictionary().find("dynamic"), nullptr);
     EXPECT_TRUE(supervisor.serviceWithLabel("dyn")->on());
+    EXPECT_TRUE(supervisor.serviceWithLabel("unanswered")->on());
     const auto lines = t.log.lines();
-    ASSERT_EQ(lines.size(), 3U);
+    ASSERT_EQ(lines.size(), 4U);
     EXPECT_EQ(lines[0], "Error loading dynamic service: shared");
     EXPECT_EQ(lines[1], "Error loading dynamic service: dyn");
     EXPECT_TRUE(lines[2].starts_with("Error loading dynamic service: {"));
+    EXPECT_EQ(lines[3], "WARNING: Unable to learn whether unanswered is loaded; keeping it");
+    EXPECT_EQ(t.log.entries()[3].level, LogLevel::Warning);
 
     // The stale service is gone from the stored definitions and the enabled
-    // list in the same load; the duplicate definition stays stored.
+    // list in the same load; the duplicate definition and the one the
+    // manager did not answer for stay stored.
     Array stored = *prefs.dynamicServices()->array();
-    EXPECT_EQ(stored.size(), 5U);
+    EXPECT_EQ(stored.size(), 6U);
     for (const Value& d : stored) {
         EXPECT_NE(d.stringAt("Label") != nullptr ? *d.stringAt("Label") : "", "stale");
     }

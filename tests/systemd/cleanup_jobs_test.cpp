@@ -158,7 +158,7 @@ class CleanupJobsTest : public testing::RealSystemdTest {
             testing::stopProcess(pid, SIGKILL);
         }
         for (const char* label : {kUninstallLabel, kKillallLabel}) {
-            if (backend.jobIsEnabled(label)) {
+            if (backend.jobIsEnabled(label) != Answer::No) {
                 (void)backend.removeJob(label, auth, true);
             }
         }
@@ -189,7 +189,7 @@ class CleanupJobsTest : public testing::RealSystemdTest {
             30s))
             << label << " did not remove itself; " << state;
         EXPECT_EQ(state, "inactive");
-        EXPECT_FALSE(backend.jobIsEnabled(label));
+        EXPECT_EQ(backend.jobIsEnabled(label), Answer::No);
     }
 
     testing::TempDir dir;

@@ -118,7 +118,7 @@ TEST_F(SystemdServiceManagerTest, RunAtLoadJobRunsExactlyAsGivenAndRemovalLeaves
 
     ASSERT_TRUE(backend.removeJob(job, auth, true).ok());
     EXPECT_TRUE(processGone(probe->pid));
-    EXPECT_FALSE(backend.jobIsEnabled(job));
+    EXPECT_EQ(backend.jobIsEnabled(job), Answer::No);
     EXPECT_EQ(loadState(job + ".service"), "not-found");
     EXPECT_FALSE(unitFileExists(job + ".service"));
     const Status again = backend.removeJob(job, auth, true);
@@ -129,9 +129,9 @@ TEST_F(SystemdServiceManagerTest, RunAtLoadJobRunsExactlyAsGivenAndRemovalLeaves
 TEST_F(SystemdServiceManagerTest, JobWithoutTriggerIsLoadedNotRunAndRefusalsChangeNothing) {
     const std::string job = label();
     const Dictionary dict = probeJob(job);
-    EXPECT_FALSE(backend.jobIsEnabled(job));
+    EXPECT_EQ(backend.jobIsEnabled(job), Answer::No);
     ASSERT_TRUE(backend.submitJob(Value(dict), auth).ok());
-    EXPECT_TRUE(backend.jobIsEnabled(job));
+    EXPECT_EQ(backend.jobIsEnabled(job), Answer::Yes);
     EXPECT_EQ(state(job + ".service"), "inactive");
     const std::string unitFile = std::string(kManagerUnitDirectory) + "/" + job + ".service";
     const auto written = std::filesystem::last_write_time(unitFile);
@@ -152,7 +152,7 @@ TEST_F(SystemdServiceManagerTest, JobWithoutTriggerIsLoadedNotRunAndRefusalsChan
         const Status s = backend.submitJob(Value(refusedJob), authorization);
         ASSERT_FALSE(s.ok()) << reason;
         EXPECT_NE(s.error().description.find(reason), std::string::npos) << s.error().description;
-        EXPECT_EQ(backend.jobIsEnabled(name), name == job) << name;
+        EXPECT_EQ(backend.jobIsEnabled(name), name == job ? Answer::Yes : Answer::No) << name;
         EXPECT_EQ(unitFileExists(name + ".service"), name == job) << name;
         EXPECT_FALSE(unitFileExists(name + ".socket")) << name;
     }
@@ -171,7 +171,7 @@ TEST_F(SystemdServiceManagerTest, FailedJobStillReferredToIsRemovedWhole) {
     ASSERT_FALSE(failed.ok());
     EXPECT_NE(failed.error().description.find("203/EXEC"), std::string::npos)
         << failed.error().description;
-    EXPECT_TRUE(backend.jobIsEnabled(job));
+    EXPECT_EQ(backend.jobIsEnabled(job), Answer::Yes);
     EXPECT_EQ(state(job + ".service"), "failed");
 
     // A running unit ordered after the job keeps the job's unit in the
@@ -187,6 +187,55 @@ TEST_F(SystemdServiceManagerTest, FailedJobStillReferredToIsRemovedWhole) {
     EXPECT_EQ(state(job + ".service"), "inactive");  // the failed state is cleared too
     EXPECT_EQ(state(holder), "active");
     std::filesystem::remove(std::string(kManagerUnitDirectory) + "/" + holder);
+}
+
+// Only units loaded from the unit directory are the job's: one of the same
+// name from elsewhere is left alone and never shadowed; one of the directory
+// that lost its file is still found and removed; one whose stop cannot be
+// queued keeps its file and so stays the job's.
+TEST_F(SystemdServiceManagerTest, OnlyUnitsOfTheUnitDirectoryAreTheJobs) {
+    const std::string foreign = label("foreign");
+    const std::string unit = foreign + ".service";
+    ASSERT_EQ(
+        std::system(("systemd-run --user --quiet --unit=" + unit + " /bin/sleep 1000").c_str()), 0);
+    const std::string fragment = manager.property(unit, "FragmentPath");
+    EXPECT_EQ(backend.jobIsEnabled(foreign), Answer::No);
+    const Status removed = backend.removeJob(foreign, auth, true);
+    ASSERT_FALSE(removed.ok());
+    EXPECT_EQ(removed.error().code, ESRCH);
+    const Status shadowing = backend.submitJob(Value(probeJob(foreign)), auth);
+    ASSERT_FALSE(shadowing.ok());
+    EXPECT_NE(shadowing.error().description.find(unit + " from '" + fragment + "'"),
+              std::string::npos)
+        << shadowing.error().description;
+    EXPECT_EQ(state(unit), "active");
+    EXPECT_EQ(manager.property(unit, "FragmentPath"), fragment);
+    EXPECT_FALSE(unitFileExists(unit));
+
+    const std::string orphan = label("orphan");
+    Dictionary dict = probeJob(orphan);
+    dict["RunAtLoad"] = Value::boolean(true);
+    ASSERT_TRUE(backend.submitJob(Value(dict), auth).ok());
+    const pid_t pid = running(orphan).value_or(Running{}).pid;
+    std::filesystem::remove(std::string(kManagerUnitDirectory) + "/" + orphan + ".service");
+    EXPECT_EQ(backend.jobIsEnabled(orphan), Answer::Yes);
+    EXPECT_FALSE(backend.submitJob(Value(dict), auth).ok());
+    const Status orphanRemoved = backend.removeJob(orphan, auth, true);
+    EXPECT_TRUE(orphanRemoved.ok()) << orphanRemoved.error().description;
+    EXPECT_TRUE(processGone(pid));
+    EXPECT_EQ(backend.jobIsEnabled(orphan), Answer::No);
+
+    const std::string stubborn = label("stubborn");
+    testing::writeFile(std::string(kManagerUnitDirectory) + "/" + stubborn + ".service",
+                       "[Unit]\nRefuseManualStop=yes\n[Service]\nExecStart=/bin/sleep 1000\n");
+    ASSERT_EQ(std::system(("systemctl --user start " + stubborn + ".service").c_str()), 0);
+    EXPECT_FALSE(backend.removeJob(stubborn, auth, true).ok());
+    EXPECT_TRUE(unitFileExists(stubborn + ".service"));
+    EXPECT_EQ(backend.jobIsEnabled(stubborn), Answer::Yes);
+
+    SystemdServiceManager unreachable{{dir.path() + "/no-manager", kManagerUnitDirectory, ""}, log};
+    EXPECT_EQ(unreachable.jobIsEnabled(foreign), Answer::Unknown);
+    (void)std::system(("systemctl --user stop " + unit).c_str());
 }
 
 TEST_F(SystemdServiceManagerTest, RemovesOfDifferentJobsOverlapInTime) {
@@ -216,7 +265,7 @@ TEST_F(SystemdServiceManagerTest, RemovesOfDifferentJobsOverlapInTime) {
     for (int i = 0; i < kJobs; ++i) {
         EXPECT_TRUE(results[i].ok()) << jobs[i] << ": " << results[i].error().description;
         EXPECT_TRUE(processGone(pids[i])) << jobs[i];
-        EXPECT_FALSE(backend.jobIsEnabled(jobs[i])) << jobs[i];
+        EXPECT_EQ(backend.jobIsEnabled(jobs[i]), Answer::No) << jobs[i];
     }
     // Every stop waited its second; one after the other they would take ten.
     EXPECT_GE(elapsed, 1s);

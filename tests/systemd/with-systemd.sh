@@ -8,7 +8,8 @@
 # with --private-run or TESSARY_PRIVATE_RUN=1, a tmpfs over /run first), a
 # `systemd --user` manager with its own runtime directory, and that manager's
 # private socket and runtime unit directory bind-mounted onto
-# /run/systemd/private and /run/systemd/system. COMMAND runs once the manager
+# /run/systemd/private and /run/systemd/system (and its generator directory
+# linked at /run/systemd/generator). COMMAND runs once the manager
 # is up, with XDG_RUNTIME_DIR and XDG_CONFIG_HOME pointing at the manager's, so
 # `systemctl --user` talks to it too. Whatever happens to COMMAND, the manager
 # is stopped and every process it started is killed before the script exits
@@ -233,6 +234,9 @@ fi
 touch /run/systemd/private
 mount --bind "$runtime/systemd/private" /run/systemd/private || fail "cannot bind the socket"
 mount --bind "$runtime/systemd/user" /run/systemd/system || fail "cannot bind the unit directory"
+# Where the generators write, which the manager makes anew each time it runs
+# them: a link, which follows it, where a bind mount would keep the old one.
+ln -s "$runtime/systemd/generator" /run/systemd/generator || fail "cannot link the generator directory"
 
 # In the background so that a signal to this shell is handled at once; stdin
 # is passed on explicitly because a background job would get /dev/null.

@@ -428,11 +428,97 @@ bool unitFileExists(const std::string& directory, const std::string& name) {
     return ::lstat((directory + "/" + name).c_str(), &st) == 0;
 }
 
-// Makes sure the manager no longer has any of `units` loaded, now that their
-// files are gone. Usually the manager has already dropped them; one that it
-// still holds from its deleted file (NeedDaemonReload) goes with a Reload. A
-// unit still loaded from a file elsewhere is not the job's to remove.
-Status ensureUnloaded(ManagerBus& bus, const std::vector<std::string>& units) {
+// One directory whatever path names it: the manager may see a unit directory
+// through another path than ours (a bind mount).
+bool sameDirectory(const std::string& a, const std::string& b) {
+    if (a == b) {
+        return true;
+    }
+    struct stat sa {};
+    struct stat sb {};
+    return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
+}
+
+// The directory of a unit's file when the file is named for the unit, as the
+// files the backend and the generator write are; else empty.
+std::string directoryOf(const std::string& unit, const std::string& fragment) {
+    const auto slash = fragment.rfind('/');
+    if (slash == std::string::npos || slash == 0 ||
+        fragment.compare(slash + 1, std::string::npos, unit) != 0) {
+        return {};
+    }
+    return fragment.substr(0, slash);
+}
+
+bool generatedUnit(const SystemdServiceManagerOptions& options, const std::string& unit) {
+    const std::string& label = options.generatedLabel;
+    return !label.empty() && unit.size() > label.size() && unit.starts_with(label) &&
+           (unit[label.size()] == '.' || unit[label.size()] == '-');
+}
+
+// Whether the manager's file for `unit` is one of the backend's.
+bool ownFragment(const SystemdServiceManagerOptions& options, const std::string& unit,
+                 const std::string& fragment) {
+    const std::string directory = directoryOf(unit, fragment);
+    if (directory.empty()) {
+        return false;
+    }
+    return sameDirectory(directory, options.unitDirectory) ||
+           (generatedUnit(options, unit) && sameDirectory(directory, options.generatorDirectory));
+}
+
+bool inGeneratorDirectory(const SystemdServiceManagerOptions& options, const std::string& unit,
+                          const std::string& fragment) {
+    const std::string directory = directoryOf(unit, fragment);
+    return !directory.empty() && sameDirectory(directory, options.generatorDirectory);
+}
+
+enum class Origin {
+    None,     // neither loaded nor running, or from a file of ours that did not load
+    Own,      // loaded or running from a file of ours, even one that is gone
+    Foreign,  // from anywhere else, or running with no file at all
+};
+
+struct UnitOrigin {
+    Origin origin = Origin::None;
+    std::string fragment;
+};
+
+// Whose `unit` is. With `anyFile`, a unit that did not load from a file
+// elsewhere (masked, a bad setting) is another's too: a file of ours of that
+// name would shadow it or be shadowed. The manager's FragmentPath is asked
+// only when there is something to tell.
+Result<UnitOrigin> originOf(ManagerBus& bus, const SystemdServiceManagerOptions& options,
+                            const std::string& unit, const UnitState& state, bool anyFile) {
+    const bool present = state.present();
+    if (!present && (!anyFile || state.loadState == "not-found")) {
+        return UnitOrigin{};
+    }
+    auto fragment = bus.stringProperty(state.path, kUnitInterface, "FragmentPath");
+    if (!fragment) {
+        return fragment.error();
+    }
+    if (ownFragment(options, unit, fragment.value())) {
+        return UnitOrigin{present ? Origin::Own : Origin::None, fragment.value()};
+    }
+    return UnitOrigin{Origin::Foreign, fragment.value()};
+}
+
+std::string foreignUnit(const std::string& unit, const UnitOrigin& origin) {
+    return origin.fragment.empty() ? unit + ", which runs without a unit file"
+                                   : unit + " from '" + origin.fragment + "'";
+}
+
+// Makes sure the manager no longer has any of `units` (the job's own, their
+// stops finished and their files gone) loaded. The manager drops a stopped
+// unit without a file by itself; one that something still refers to stays in
+// its memory, loaded from its deleted file (NeedDaemonReload), and a unit
+// made by the generator stays until the generator runs again: those two, and
+// only those, need a Reload. A unit of that name that the manager now has
+// from a file elsewhere is not the job's.
+Status ensureUnloaded(ManagerBus& bus, const SystemdServiceManagerOptions& options,
+                      const std::vector<std::string>& units) {
     for (int attempt = 0; attempt < 2; ++attempt) {
         bool reload = false;
         auto states = units.empty() ? Result<std::vector<UnitState>>(std::vector<UnitState>{})
@@ -446,13 +532,18 @@ Status ensureUnloaded(ManagerBus& bus, const std::vector<std::string>& units) {
             if (state.loadState != "loaded") {
                 continue;
             }
+            auto fragment = bus.stringProperty(state.path, kUnitInterface, "FragmentPath");
+            if (fragment.ok() && !ownFragment(options, unit, fragment.value())) {
+                continue;
+            }
             auto stale =
                 bus.trivialProperty<int>(state.path, kUnitInterface, "NeedDaemonReload", 'b');
-            if (stale.ok() && stale.value() != 0 && attempt == 0) {
+            const bool generated =
+                fragment.ok() && inGeneratorDirectory(options, unit, fragment.value());
+            if (((stale.ok() && stale.value() != 0) || generated) && attempt == 0) {
                 reload = true;
                 continue;
             }
-            auto fragment = bus.stringProperty(state.path, kUnitInterface, "FragmentPath");
             return Error{kDomain, EBUSY,
                          "The service manager still has " + unit + " loaded after removal" +
                              (fragment.ok() ? " (from '" + fragment.value() + "')" : "")};
@@ -570,10 +661,19 @@ Status SystemdServiceManager::submitJob(const plist::Value& job,
         if (!state) {
             return state.error();
         }
-        if (state.value().present()) {
+        auto origin = originOf(bus, options_, unit.name, state.value(), true);
+        if (!origin) {
+            return origin.error();
+        }
+        if (origin.value().origin == Origin::Own) {
             return Error{kDomain, EEXIST,
                          "Job " + t.label + " is already loaded (the service manager has " +
                              unit.name + ")"};
+        }
+        if (origin.value().origin == Origin::Foreign) {
+            return Error{kDomain, EEXIST,
+                         "Job " + t.label + " would shadow another unit: the service manager has " +
+                             foreignUnit(unit.name, origin.value())};
         }
         names.push_back(unit.name);
     }
@@ -595,7 +695,7 @@ Status SystemdServiceManager::submitJob(const plist::Value& job,
         for (const auto& name : written) {
             (void)removeUnitFile(options_.unitDirectory, name);
         }
-        (void)ensureUnloaded(bus, written);
+        (void)ensureUnloaded(bus, options_, written);
         return status;
     }
 
@@ -678,9 +778,14 @@ Status SystemdServiceManager::removeJob(std::string_view label,
         return usual.error();
     }
     const UnitState serviceState = usual.value()[0];
+    auto serviceOrigin = originOf(bus, options_, service, serviceState, false);
+    if (!serviceOrigin) {
+        return serviceOrigin.error();
+    }
+    const bool serviceOwn = serviceOrigin.value().origin == Origin::Own;
     std::map<std::string, UnitState> known{{socket, usual.value()[1]}, {timer, usual.value()[2]}};
     std::vector<std::string> triggers;
-    if (serviceState.loadState == "loaded") {
+    if (serviceOwn && serviceState.loadState == "loaded") {
         auto by = bus.stringsProperty(serviceState.path, kUnitInterface, "TriggeredBy");
         if (!by) {
             return by.error();
@@ -692,34 +797,47 @@ Status SystemdServiceManager::removeJob(std::string_view label,
             triggers.push_back(name);
         }
     }
-    std::vector<std::string> presentTriggers;
+
+    // Only the job's own units are stopped and reset; a file of the unit
+    // directory is the job's to delete whoever's unit the manager has.
+    std::vector<std::string> ownTriggers;
     std::vector<std::string> files;
+    std::string foreign;
+    auto sort = [&](const std::string& unit, const UnitOrigin& origin) {
+        if (origin.origin == Origin::Foreign && foreign.empty()) {
+            foreign = foreignUnit(unit, origin);
+        }
+        if (origin.origin == Origin::Own || unitFileExists(options_.unitDirectory, unit)) {
+            files.push_back(unit);
+        }
+    };
     for (const auto& unit : triggers) {
         auto it = known.find(unit);
         auto state = it != known.end() ? Result<UnitState>(it->second) : unitState(bus, unit);
         if (!state) {
             return state.error();
         }
-        if (state.value().present()) {
-            presentTriggers.push_back(unit);
+        auto origin = originOf(bus, options_, unit, state.value(), false);
+        if (!origin) {
+            return origin.error();
         }
-        if (state.value().present() || unitFileExists(options_.unitDirectory, unit)) {
-            files.push_back(unit);
+        if (origin.value().origin == Origin::Own) {
+            ownTriggers.push_back(unit);
         }
+        sort(unit, origin.value());
     }
-    const bool servicePresent = serviceState.present();
-    if (servicePresent || unitFileExists(options_.unitDirectory, service)) {
-        files.push_back(service);
-    }
-    if (!servicePresent && presentTriggers.empty() && files.empty()) {
-        return Error{kDomain, ESRCH, "Job " + std::string(label) + " is not loaded"};
+    sort(service, serviceOrigin.value());
+    if (!serviceOwn && ownTriggers.empty() && files.empty()) {
+        return Error{kDomain, ESRCH,
+                     "Job " + std::string(label) + " is not loaded" +
+                         (foreign.empty() ? "" : " (the service manager has " + foreign + ")")};
     }
 
     // A job that removes itself (the daemon's own job when it uninstalls
     // itself, a clean-up job at its end) is killed by its own stop, so its
     // files go first and nothing waits for the stop: once stopped, a unit
     // without a file is unloaded by the manager.
-    if (callerRunsIn(service)) {
+    if (serviceOwn && callerRunsIn(service)) {
         Status status;
         for (const auto& unit : files) {
             if (Status s = removeUnitFile(options_.unitDirectory, unit); !s && status) {
@@ -727,8 +845,8 @@ Status SystemdServiceManager::removeJob(std::string_view label,
             }
         }
         (void)bus.managerCall("Reload");
-        presentTriggers.push_back(service);
-        for (const auto& unit : presentTriggers) {
+        ownTriggers.push_back(service);
+        for (const auto& unit : ownTriggers) {
             if (auto queued = bus.enqueue("StopUnit", unit); !queued && status) {
                 status = queued.error();
             }
@@ -737,23 +855,35 @@ Status SystemdServiceManager::removeJob(std::string_view label,
     }
 
     // Sockets and timers first: stopped after the service, they could start
-    // it again.
+    // it again. A unit's file goes once its stop is queued, not after the
+    // stop: the manager then drops the stopped unit by itself, where a file
+    // deleted after the stop would leave it loaded until a Reload. A unit
+    // whose stop could not be queued keeps its file, and with it the job
+    // stays loaded, to be removed again.
     Status status;
     if (wait) {
         if (Status s = bus.watchJobs(); !s) {
             return s;
         }
     }
-    for (const auto& round : {presentTriggers, servicePresent ? std::vector<std::string>{service}
-                                                              : std::vector<std::string>{}}) {
+    std::vector<std::string> stopped;
+    for (const auto& round : {ownTriggers, serviceOwn ? std::vector<std::string>{service}
+                                                      : std::vector<std::string>{}}) {
         std::vector<std::string> jobs;
         for (const auto& unit : round) {
             auto queued = bus.enqueue("StopUnit", unit);
             if (!queued) {
-                status = queued.error();
+                if (status) {
+                    status = queued.error();
+                }
+                files.erase(std::remove(files.begin(), files.end(), unit), files.end());
                 continue;
             }
             jobs.push_back(queued.value());
+            stopped.push_back(unit);
+            if (Status s = removeUnitFile(options_.unitDirectory, unit); !s && status) {
+                status = s;
+            }
         }
         if (wait) {
             auto results = bus.waitForJobs(jobs);
@@ -763,39 +893,43 @@ Status SystemdServiceManager::removeJob(std::string_view label,
         }
     }
 
-    // Only files in the unit directory are the job's to delete.
     for (const auto& unit : files) {
-        if (Status s = removeUnitFile(options_.unitDirectory, unit); !s && status) {
+        if (std::find(stopped.begin(), stopped.end(), unit) != stopped.end()) {
+            (void)bus.managerCall("ResetFailedUnit", unit);  // fails when not failed
+        } else if (Status s = removeUnitFile(options_.unitDirectory, unit); !s && status) {
             status = s;
         }
-        (void)bus.managerCall("ResetFailedUnit", unit);  // fails when not failed
     }
     if (!status || !wait) {
         return status;
     }
-    return ensureUnloaded(bus, files);
+    return ensureUnloaded(bus, options_, stopped);
 }
 
-bool SystemdServiceManager::jobIsEnabled(std::string_view label) {
+Answer SystemdServiceManager::jobIsEnabled(std::string_view label) {
     if (!checkJobLabel(label)) {
-        return false;
+        return Answer::No;  // no unit can have that name
     }
+    const std::string service = serviceUnitName(label);
     // A question is asked again once on a new connection when the kept one
     // turns out to be gone (the manager re-executed since the last one).
     for (int attempt = 0; attempt < 2; ++attempt) {
         auto connected = managerBus(keptConnection(), address_);
         if (!connected) {
-            return false;
+            return Answer::Unknown;
         }
-        auto state = connected.value().unitState(serviceUnitName(label));
-        if (state) {
-            return state.value().loadState == "loaded";
+        auto state = connected.value().unitState(service);
+        Result<UnitOrigin> origin =
+            state ? originOf(connected.value(), options_, service, state.value(), false)
+                  : Result<UnitOrigin>(state.error());
+        if (origin) {
+            return origin.value().origin == Origin::Own ? Answer::Yes : Answer::No;
         }
-        if (!connectionLost(state.error())) {
-            return false;
+        if (!connectionLost(origin.error())) {
+            return Answer::Unknown;
         }
     }
-    return false;
+    return Answer::Unknown;
 }
 
 Result<sd_bus*> SystemdServiceManager::keptConnection() {

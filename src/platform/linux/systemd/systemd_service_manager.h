@@ -26,11 +26,22 @@ struct SystemdServiceManagerOptions {
     // connection between operations; without one, that waits in the socket
     // until the next operation drops it.
     sd_event* event = nullptr;
+    // Where the project's generator writes, at boot, the units of the one job
+    // `generatedLabel` (the daemon's own) from its definition file. Those are
+    // as much this backend's as the units in unitDirectory; any other unit
+    // there is another generator's. Empty: no such job.
+    std::string generatorDirectory = "/run/systemd/generator";
+    std::string generatedLabel = {};
 };
 
 // The service-manager role on systemd: a job is a set of unit files written
 // into the manager's runtime unit directory and loaded and started over the
 // manager's private D-Bus socket.
+//
+// Only units loaded from files of that directory are the backend's: a unit
+// of the same name that the manager has from anywhere else (another unit
+// directory, a transient unit, a unit whose file went in a Reload) is never
+// reported as the job, stopped, reset or shadowed.
 //
 // Safe to call from several threads at once. Operations on the thread that
 // made the manager (the main loop's) share one kept connection, made anew
@@ -46,18 +57,23 @@ class SystemdServiceManager final : public ServiceManagerClient {
 
     // Writes and loads the job's units and starts what must run at once.
     // Fails, changing nothing, without an authorization, for a job that does
-    // not translate and for a job already loaded. A job whose units load but
+    // not translate, for a job already loaded and for a job whose units the
+    // manager has from elsewhere (the error names them). A job whose units load but
     // do not start is reported as an error and stays loaded, as a submitted
     // job whose program cannot run stays known to the manager; removing it
     // clears it.
     Status submitJob(const plist::Value& job, const AuthorizationRef& authorization) override;
-    // Stops the job's sockets and timer, then its service, deletes its unit
-    // files and clears any failed state. With `wait`, returns once every stop
-    // has finished and the manager no longer has the units loaded.
+    // Stops the job's sockets and timer, then its service, deletes each unit's
+    // file once its stop is queued and clears any failed state. A unit whose
+    // stop cannot be queued keeps its file, so that the job stays loaded and
+    // can be removed again. With `wait`, returns once every stop has finished
+    // and the manager no longer has the units loaded.
     Status removeJob(std::string_view label, const AuthorizationRef& authorization,
                      bool wait) override;
-    // True while the manager has the job's service loaded from a unit file.
-    bool jobIsEnabled(std::string_view label) override;
+    // Yes while the manager has the job's service loaded from a file of the
+    // unit directory, or still running from one that is gone; Unknown when
+    // the manager cannot be asked.
+    Answer jobIsEnabled(std::string_view label) override;
 
   private:
     class LabelGuard;
