@@ -29,6 +29,8 @@
 
 namespace {
 
+constexpr const char* kDaemonLabel = "com.orvane.tessaryd";
+
 using namespace tessary;
 using namespace tessary::linux_backend;
 
@@ -73,9 +75,11 @@ int removeJob(const std::string& label) {
     }
     const Paths paths("/");
     SyslogSystemLog log;
+    // The daemon's own unit may be the one the generator made at boot: the
+    // clean-up job of a demotion removes that one too.
     SystemdServiceManager serviceManager(
         {std::string(paths.systemdPrivateSocket()), std::string(paths.systemdUnitDirectory()),
-         kHelperBinDirectory},
+         kHelperBinDirectory, nullptr, paths.systemdGeneratorDirectory(), kDaemonLabel},
         log);
     PolkitAuthorizationService authorizationService;
     // Root's own authorization; none for anyone else, which the backend

@@ -460,6 +460,12 @@ bool generatedUnit(const SystemdServiceManagerOptions& options, const std::strin
 // Whether the manager's file for `unit` is one of the backend's.
 bool ownFragment(const SystemdServiceManagerOptions& options, const std::string& unit,
                  const std::string& fragment) {
+    // The daemon's own unit runs on without a file once the generators have
+    // run again after its definition was removed (a demotion's Reload): it
+    // is still the one the generator made, and still to be stopped.
+    if (fragment.empty()) {
+        return generatedUnit(options, unit);
+    }
     const std::string directory = directoryOf(unit, fragment);
     if (directory.empty()) {
         return false;
