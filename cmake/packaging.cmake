@@ -38,6 +38,10 @@ foreach(script postinst prerm postrm)
                      WORLD_READ WORLD_EXECUTE)
   list(APPEND CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/packaging/${script})
 endforeach()
+# The product-version files are the administrator's to change: dpkg keeps
+# their edits across upgrades and removes them only on purge.
+file(WRITE ${CMAKE_BINARY_DIR}/packaging/conffiles "/etc/tessary/version\n/etc/tessary/minimum-version\n")
+list(APPEND CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/packaging/conffiles)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 include(CPack)

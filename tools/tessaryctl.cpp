@@ -19,7 +19,10 @@
 
 #include "base/unique_fd.h"
 #include "client/tessary_client.h"
+#include "platform/linux/polkit_authorization_service.h"
 #include "plist/codec.h"
+#include "terminal_authorization.h"
+#include "unit_states.h"
 
 extern char** environ;
 
@@ -83,13 +86,19 @@ constexpr std::array kCommands = {
 };
 
 constexpr std::string_view kPromote = "promote";
+constexpr std::string_view kLogs = "logs";
+
+constexpr const char* kNotAuthorized =
+    "not authorized: run as root or authenticate as an administrator";
 
 constexpr const char* kUsage =
-    "usage: tessaryctl [--socket PATH] [--timeout SECONDS] [--json] COMMAND\n"
+    "usage: tessaryctl [--socket PATH] [--timeout SECONDS] [--json] [--no-ask-password] COMMAND\n"
     "\n"
     "commands:\n"
-    "  list                              the services and whether each is enabled\n"
+    "  list                              the services, whether each is enabled, and\n"
+    "                                    what the service manager says of it\n"
     "  status                            the setup status\n"
+    "  logs SERVICE                      the service's recent journal lines\n"
     "  enable SERVICE                    switch a service on\n"
     "  disable SERVICE                   switch a service off\n"
     "  reset SERVICE                     switch a service off and reset it\n"
@@ -123,6 +132,9 @@ struct Invocation {
     std::optional<std::vector<std::string>> arguments;
     // promote: COMMAND and its arguments, in `arguments`.
     bool promote = false;
+    // logs SERVICE: shown from the journal, without the daemon.
+    bool logs = false;
+    bool mayAskPassword = true;
 };
 
 // Ends the program with a usage error.
@@ -165,6 +177,10 @@ Invocation parseArguments(int argc, char** argv) {
             inv.json = true;
             continue;
         }
+        if (name == "--no-ask-password" && eq == std::string::npos) {
+            inv.mayAskPassword = false;
+            continue;
+        }
         if (name != "--socket" && name != "--timeout" && name != "--job" && name != "--file") {
             usageError("unknown option " + arg);
         }
@@ -189,6 +205,14 @@ Invocation parseArguments(int argc, char** argv) {
 
     if (positional.empty()) {
         usageError("no command given");
+    }
+    if (positional[0] == kLogs) {
+        if (positional.size() != 2 || inv.job || inv.file || inv.arguments) {
+            usageError("logs takes one SERVICE");
+        }
+        inv.service = positional[1];
+        inv.logs = true;
+        return inv;
     }
     if (positional[0] == kPromote) {
         if (positional.size() > 1 || inv.job || inv.file || inv.json) {
@@ -416,18 +440,38 @@ void printXml(const plist::Value& v) {
     }
 }
 
+// A line on what a setup status means and what sets the machine up.
+const char* explanationOf(const std::string& status) {
+    if (status == "unconfigured") {
+        return "This machine has not been set up: until it is, each start of the daemon "
+               "parks the services that are switched on.\nSet it up with: tessaryctl promote "
+               "-- true";
+    }
+    if (status == "updatable") {
+        return "Services were parked by an update of the app or by a start before set-up.\n"
+               "Bring them back by setting the machine up again: tessaryctl promote -- true";
+    }
+    return nullptr;
+}
+
 void printReadable(const Command& c, const plist::Value& result) {
     switch (c.output) {
         case Output::Nothing:
             return;
-        case Output::Services:
+        case Output::Services: {
+            const plist::Value* states = result.find("states");
             for (const char* key : {"enabledServices", "disabledServices"}) {
-                const char* state = key[0] == 'e' ? "enabled " : "disabled";
+                const char* choice = key[0] == 'e' ? "enabled" : "disabled";
                 for (const plist::Value& label : plist::arrayOf(result.find(key))) {
-                    (void)std::printf("%s  %s\n", state, label.description().c_str());
+                    const plist::Value* state =
+                        states != nullptr ? states->find(label.description()) : nullptr;
+                    (void)std::printf("%-8s  %-24s  %s\n", choice,
+                                      state != nullptr ? state->description().c_str() : "unknown",
+                                      label.description().c_str());
                 }
             }
             return;
+        }
         case Output::Labels:
             for (const plist::Value& label :
                  plist::arrayOf(result.find("previouslyEnabledServices"))) {
@@ -439,6 +483,10 @@ void printReadable(const Command& c, const plist::Value& result) {
             const char* key = c.output == Output::Status ? "status" : "service";
             if (const plist::Value* v = result.find(key)) {
                 (void)std::printf("%s\n", v->description().c_str());
+                if (const char* more =
+                        c.output == Output::Status ? explanationOf(v->description()) : nullptr) {
+                    (void)std::printf("%s\n", more);
+                }
             }
             return;
         }
@@ -460,6 +508,38 @@ void printReadable(const Command& c, const plist::Value& result) {
     }
 }
 
+// The list with what the service manager says of each service, under
+// "states"; the daemon's protocol stays as it is, the client asks.
+plist::Value withUnitStates(const plist::Value& list) {
+    std::vector<std::string> labels;
+    for (const char* key : {"enabledServices", "disabledServices"}) {
+        for (const plist::Value& label : plist::arrayOf(list.find(key))) {
+            labels.push_back(label.description());
+        }
+    }
+    plist::Dictionary states;
+    for (auto& [label, state] : client::unitStates(labels)) {
+        states.insert_or_assign(label, plist::Value(state));
+    }
+    plist::Dictionary out = plist::dictionaryOf(&list);
+    out.insert_or_assign("states", plist::Value(std::move(states)));
+    return plist::Value(std::move(out));
+}
+
+int runAndWait(std::vector<std::string> command);
+
+// The service's journal: its units' lines, by journalctl.
+int showLogs(const Invocation& inv) {
+    std::vector<std::string> command = {"journalctl", "--no-pager", "--lines=100"};
+    if (inv.json) {
+        command.emplace_back("--output=json");
+    }
+    for (const char* suffix : {".service", ".socket", ".timer"}) {
+        command.emplace_back("--unit=" + *inv.service + suffix);
+    }
+    return runAndWait(std::move(command));
+}
+
 // Sends one request and shows its result; the exit status.
 int perform(const Invocation& inv, const Command& command, const plist::Dictionary& args) {
     client::Request request;
@@ -470,6 +550,17 @@ int perform(const Invocation& inv, const Command& command, const plist::Dictiona
     // Every request names its sender; commands that need no right ignore it.
     if (auto form = client::makeAuthorizationForm()) {
         request.authorizationForm = form.value();
+    }
+    // The right is obtained before the request, as systemctl does: the
+    // daemon asks polkit without interaction and finds what polkit kept.
+    client::Right right = client::Right::Held;
+    if (command.wire != "status") {
+        right = client::obtainAdminRight(
+            tessary::linux_backend::PolkitAuthorizationOptions{}.actionId, inv.mayAskPassword);
+        if (right == client::Right::Refused) {
+            (void)std::fprintf(stderr, "tessaryctl: %s\n", kNotAuthorized);
+            return kExitFailed;
+        }
     }
 
     auto reply = client::sendRequest(inv.socket, request, inv.timeout);
@@ -482,11 +573,20 @@ int perform(const Invocation& inv, const Command& command, const plist::Dictiona
         return kExitUnreachable;
     }
     if (reply.value().returnCode != 0) {
-        (void)std::fprintf(stderr, "tessaryctl: the daemon refused \"%s\"\n",
-                           std::string(command.name).c_str());
+        // Why the daemon said no never travels; what the client knows is
+        // whether it held the right.
+        if (right != client::Right::Held) {
+            (void)std::fprintf(stderr, "tessaryctl: %s\n", kNotAuthorized);
+        } else {
+            (void)std::fprintf(stderr, "tessaryctl: the daemon refused \"%s\"\n",
+                               std::string(command.name).c_str());
+        }
         return kExitFailed;
     }
-    const plist::Value result = reply.value().result.value_or(plist::Value());
+    plist::Value result = reply.value().result.value_or(plist::Value());
+    if (command.output == Output::Services) {
+        result = withUnitStates(result);
+    }
     if (inv.json) {
         std::string out;
         appendJson(out, result);
@@ -579,6 +679,9 @@ int main(int argc, char** argv) {
     const Invocation inv = parseArguments(argc, argv);
     if (inv.promote) {
         return runPromotion(inv);
+    }
+    if (inv.logs) {
+        return showLogs(inv);
     }
     return perform(inv, *inv.command, argumentsFor(inv));
 }

@@ -6,14 +6,26 @@ add_library(tessary_client STATIC ${CMAKE_CURRENT_SOURCE_DIR}/tools/client/tessa
 target_include_directories(tessary_client PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/tools)
 target_link_libraries(tessary_client PUBLIC tessary_peer_identity)
 
-add_executable(tessaryctl ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryctl.cpp)
-target_link_libraries(tessaryctl PRIVATE tessary_client)
+add_executable(tessaryctl ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryctl.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/tools/terminal_authorization.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/tools/unit_states.cpp)
+target_link_libraries(tessaryctl PRIVATE tessary_client tessary_linux_backends)
 
 install(TARGETS tessaryctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryctl.1
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/polkit-1/actions)
+install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/data/bash-completion/tessaryctl
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
+
+# The installed product's version and the oldest the daemon works with, which
+# the daemon compares at start (an older product loads no service). An
+# administrator who installs an older product writes its version here.
+file(WRITE ${CMAKE_BINARY_DIR}/product/version "${PROJECT_VERSION}\n")
+file(WRITE ${CMAKE_BINARY_DIR}/product/minimum-version "5.0\n")
+install(FILES ${CMAKE_BINARY_DIR}/product/version ${CMAKE_BINARY_DIR}/product/minimum-version
+        DESTINATION /etc/tessary)
 
 # The small commands the daemon's clean-up jobs call by name: jobtool (removes
 # a job through the systemd backend) and syslog (one line into the system

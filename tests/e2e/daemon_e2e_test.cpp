@@ -450,5 +450,50 @@ TEST(DaemonEndToEnd, GarbageClosesOnlyItsOwnConnection) {
     EXPECT_EQ(client::decodeReply(*reply).value().returnCode, 0);
 }
 
+// tessaryctl as an administrator sees it: what runs beside each switch, and,
+// for a user who is not root, polkit asked first: a user polkit refuses is
+// told so and nothing is sent; a user it allows goes on.
+TEST(DaemonEndToEnd, TessaryctlShowsWhatRunsAndAsksPolkitFirst) {
+    auto tessaryctl = [](std::vector<std::string> args) {
+        args.insert(args.begin(), std::string(TESSARYCTL) + " --no-ask-password");
+        std::string command;
+        for (const std::string& a : args) {
+            command += a + " ";
+        }
+        std::string out;
+        FILE* p = ::popen((command + "2>&1 </dev/null").c_str(), "r");
+        char buf[512];
+        for (std::size_t n = 0; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) {
+            out.append(buf, n);
+        }
+        const int status = ::pclose(p);
+        return std::make_pair(WIFEXITED(status) ? WEXITSTATUS(status) : -1, out);
+    };
+    ASSERT_EQ(ask("enable", {{"service", Value("com.example.probe")}}).returnCode, 0);
+    ASSERT_TRUE(eventually([] { return unitState("com.example.probe") == "active"; }));
+    const auto [listed, list] = tessaryctl({"list"});
+    EXPECT_EQ(listed, 0) << list;
+    EXPECT_NE(list.find("enabled   running                   com.example.probe\n"),
+              std::string::npos)
+        << list;
+    EXPECT_NE(list.find("disabled  stopped                   com.example.idle\n"),
+              std::string::npos)
+        << list;
+
+    const std::string prefsBefore = readAll("/Library/Tessary/Setup/com.orvane.tessaryd.plist");
+    EXPECT_EQ(asUser(65534, 65534,
+                     [&] {
+                         const auto [code, out] = tessaryctl({"disable", "com.example.probe"});
+                         const bool told = out.find(
+                                               "not authorized: run as root or authenticate "
+                                               "as an administrator") != std::string::npos;
+                         return code == 1 && told ? 0 : 1;
+                     }),
+              0);
+    EXPECT_EQ(readAll("/Library/Tessary/Setup/com.orvane.tessaryd.plist"), prefsBefore);
+    EXPECT_EQ(asUser(1, 1, [&] { return tessaryctl({"disable", "com.example.probe"}).first; }), 0);
+    EXPECT_TRUE(eventually([] { return unitState("com.example.probe") != "active"; }));
+}
+
 }  // namespace
 }  // namespace tessary

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <map>
+#include <regex>
 #include <set>
 
 #include "backends/event_loop.h"
@@ -102,7 +103,12 @@ TEST_F(TessaryctlTest, OneRequestCommandsAndTheirOutput) {
 
     const auto list = run({"list"});
     EXPECT_EQ(list.exitCode, 0) << list.output;
-    EXPECT_EQ(list.output, "enabled   a\nenabled   c\ndisabled  b\n");
+    // Each switch, what the service manager says of the service (none runs
+    // here), the label.
+    EXPECT_TRUE(std::regex_match(list.output, std::regex("enabled   [a-z ]{24}  a\n"
+                                                         "enabled   [a-z ]{24}  c\n"
+                                                         "disabled  [a-z ]{24}  b\n")))
+        << list.output;
     EXPECT_EQ(requests[0].find("argumentsData"), nullptr);
     // The form passed the channel's check: it names the tessaryctl process.
     const Value* form = requests[0].find(linux_backend::UnixMessageService::kFormKey);
@@ -116,10 +122,19 @@ TEST_F(TessaryctlTest, OneRequestCommandsAndTheirOutput) {
     EXPECT_EQ(unanswered.exitCode, 2);
     EXPECT_NE(unanswered.output.find("no reply"), std::string::npos) << unanswered.output;
 
+    // A status that is not "configured" says what it means and what sets
+    // the machine up; --json carries the word alone.
+    replies["status"] = success(plist::Dictionary{{"status", Value("unconfigured")}});
+    const auto status = run({"status"});
+    EXPECT_TRUE(status.output.starts_with("unconfigured\n")) << status.output;
+    EXPECT_NE(status.output.find("tessaryctl promote -- true"), std::string::npos);
+    EXPECT_EQ(run({"--json", "status"}).output, "{\"status\":\"unconfigured\"}\n");
+
     EXPECT_EQ(run({"--json", "restore-services"}).output,
               "{\"previouslyEnabledServices\":[\"a\",\"b\"]}\n");
     EXPECT_EQ(run({"demote"}).output, "");
-    EXPECT_EQ(commands, (Strings{"list", "enable", "disable", "restoreServices", "demote"}));
+    EXPECT_EQ(commands, (Strings{"list", "enable", "disable", "status", "status", "restoreServices",
+                                 "demote"}));
 }
 
 // The daemon watches the process that began the promotion, so that must be

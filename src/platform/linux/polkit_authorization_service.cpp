@@ -36,6 +36,52 @@ bool namesLiveProcess(const FormIdentity& identity) {
 
 }  // namespace
 
+Result<bool> checkPolkitAuthorization(sd_bus* bus, const FormIdentity& subject,
+                                      const std::string& actionId, bool interactive,
+                                      std::chrono::microseconds timeout, bool& transport) {
+    transport = false;
+    sd_bus_message* raw = nullptr;
+    int r = sd_bus_message_new_method_call(bus, &raw, kDestination, kPath, kInterface,
+                                           "CheckAuthorization");
+    if (r < 0) {
+        return Error::posix(-r, "CheckAuthorization");
+    }
+    SdBusMessagePtr call(raw);
+    // The subject is the process itself (pid and start time, so that a
+    // process that took over the pid is not mistaken for it), with its uid.
+    r = sd_bus_message_append(call.get(), "(sa{sv})", "unix-process", 3, "pid", "u", subject.pid,
+                              "start-time", "t", subject.startTime, "uid", "i",
+                              static_cast<std::int32_t>(subject.uid));
+    if (r >= 0) {
+        // No details, no cancellation id; flag 1 allows user interaction.
+        r = sd_bus_message_append(call.get(), "sa{ss}us", actionId.c_str(), 0,
+                                  interactive ? 1U : 0U, "");
+    }
+    if (r < 0) {
+        return Error::posix(-r, "CheckAuthorization arguments");
+    }
+
+    SdBusError error;
+    sd_bus_message* rawReply = nullptr;
+    r = sd_bus_call(bus, call.get(), static_cast<std::uint64_t>(timeout.count()), error.get(),
+                    &rawReply);
+    SdBusMessagePtr reply(rawReply);
+    if (r < 0) {
+        transport = !error.isSet();
+        return busError(r, "CheckAuthorization", error);
+    }
+    int authorized = 0;
+    int challenge = 0;
+    r = sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_STRUCT, "bba{ss}");
+    if (r > 0) {
+        r = sd_bus_message_read(reply.get(), "bb", &authorized, &challenge);
+    }
+    if (r <= 0) {
+        return Error{"TYPolkitErrorDomain", EBADMSG, "CheckAuthorization: unexpected reply"};
+    }
+    return authorized != 0;
+}
+
 PolkitAuthorizationService::PolkitAuthorizationService(PolkitAuthorizationOptions options)
     : options_(std::move(options)) {}
 
@@ -93,51 +139,6 @@ Result<sd_bus*> PolkitAuthorizationService::connection() {
     return bus_.get();
 }
 
-Result<bool> PolkitAuthorizationService::callCheckAuthorization(sd_bus* bus,
-                                                                const FormIdentity& subject,
-                                                                bool& transport) {
-    transport = false;
-    sd_bus_message* raw = nullptr;
-    int r = sd_bus_message_new_method_call(bus, &raw, kDestination, kPath, kInterface,
-                                           "CheckAuthorization");
-    if (r < 0) {
-        return Error::posix(-r, "CheckAuthorization");
-    }
-    SdBusMessagePtr call(raw);
-    // The subject is the process itself (pid and start time, so that a
-    // process that took over the pid is not mistaken for it), with its uid.
-    r = sd_bus_message_append(call.get(), "(sa{sv})", "unix-process", 3, "pid", "u", subject.pid,
-                              "start-time", "t", subject.startTime, "uid", "i",
-                              static_cast<std::int32_t>(subject.uid));
-    if (r >= 0) {
-        // No details, no user interaction, no cancellation id.
-        r = sd_bus_message_append(call.get(), "sa{ss}us", options_.actionId.c_str(), 0, 0U, "");
-    }
-    if (r < 0) {
-        return Error::posix(-r, "CheckAuthorization arguments");
-    }
-
-    SdBusError error;
-    sd_bus_message* rawReply = nullptr;
-    r = sd_bus_call(bus, call.get(), static_cast<std::uint64_t>(options_.callTimeout.count()),
-                    error.get(), &rawReply);
-    SdBusMessagePtr reply(rawReply);
-    if (r < 0) {
-        transport = !error.isSet();
-        return busError(r, "CheckAuthorization", error);
-    }
-    int authorized = 0;
-    int challenge = 0;
-    r = sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_STRUCT, "bba{ss}");
-    if (r > 0) {
-        r = sd_bus_message_read(reply.get(), "bb", &authorized, &challenge);
-    }
-    if (r <= 0) {
-        return Error{"TYPolkitErrorDomain", EBADMSG, "CheckAuthorization: unexpected reply"};
-    }
-    return authorized != 0;
-}
-
 Result<bool> PolkitAuthorizationService::checkAuthorization(const FormIdentity& subject) {
     std::lock_guard lock(mutex_);
     // A cached connection may have died with the bus; it is opened again
@@ -149,7 +150,9 @@ Result<bool> PolkitAuthorizationService::checkAuthorization(const FormIdentity& 
             return bus.error();
         }
         bool transport = false;
-        auto answer = callCheckAuthorization(bus.value(), subject, transport);
+        // Never with user interaction: the daemon has no one to ask.
+        auto answer = checkPolkitAuthorization(bus.value(), subject, options_.actionId, false,
+                                               options_.callTimeout, transport);
         if (answer) {
             return answer;
         }

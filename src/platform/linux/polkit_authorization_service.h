@@ -19,6 +19,16 @@ struct PolkitAuthorizationOptions {
     std::chrono::microseconds callTimeout = std::chrono::seconds(5);
 };
 
+// One CheckAuthorization of the process `subject` for `actionId`: polkit's
+// answer, or an Error when it could not be asked (`transport` then says
+// whether the connection failed, as opposed to polkit answering an error).
+// With `interactive`, polkit may first ask the user through an agent that is
+// registered for the subject, and the call lasts as long as the user takes,
+// up to `timeout`.
+Result<bool> checkPolkitAuthorization(sd_bus* bus, const FormIdentity& subject,
+                                      const std::string& actionId, bool interactive,
+                                      std::chrono::microseconds timeout, bool& transport);
+
 // Rights on polkit.
 //
 // A client's authorization is the process its external form names (the
@@ -66,7 +76,6 @@ class PolkitAuthorizationService final : public AuthorizationService {
   private:
     // Polkit's answer, or an Error when it could not be asked.
     Result<bool> checkAuthorization(const FormIdentity& subject);
-    Result<bool> callCheckAuthorization(sd_bus* bus, const FormIdentity& subject, bool& transport);
     Result<sd_bus*> connection();
 
     PolkitAuthorizationOptions options_;

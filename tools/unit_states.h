@@ -1,0 +1,16 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tessary::client {
+
+// What the service manager says of each service's units (LABEL.service, and
+// LABEL.socket or LABEL.timer when it has them): "running", "waiting for a
+// connection", "waiting for its timer", "failed" or "stopped". Asked
+// read-only, of systemd on the system bus, or on its private socket for root
+// when the bus has no systemd; empty when neither answers.
+std::map<std::string, std::string> unitStates(const std::vector<std::string>& labels);
+
+}  // namespace tessary::client
