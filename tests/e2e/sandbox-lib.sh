@@ -102,7 +102,7 @@ SANDBOX_PIDS=()
 sandbox_syslog() {
     local file=$1 host=/run/tessary-sandbox/hostdev entry name
     mkdir -p "$host"
-    mount --bind /dev "$host"
+    mount --rbind /dev "$host"  # with its submounts: /dev/pts for terminals
     mount -t tmpfs -o mode=0755 tmpfs /dev
     for entry in "$host"/*; do
         name="${entry##*/}"
@@ -110,6 +110,10 @@ sandbox_syslog() {
             cp -P "$entry" "/dev/$name"
         elif [[ -d "$entry" ]]; then
             mkdir -p "/dev/$name" && mount --bind "$entry" "/dev/$name"
+        elif [[ "$name" == ptmx ]]; then
+            # Terminals come from the devpts beside it, which a bound device
+            # node cannot find.
+            ln -s pts/ptmx /dev/ptmx
         elif [[ "$name" != log ]]; then
             touch "/dev/$name" && mount --bind "$entry" "/dev/$name"
         fi
