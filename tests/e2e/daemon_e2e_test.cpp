@@ -19,6 +19,7 @@
 
 #include "client/tessary_client.h"
 #include "plist/codec.h"
+#include "support/hostile_clients.h"
 #include "support/value_printer.h"
 
 namespace tessary {
@@ -28,6 +29,7 @@ using namespace std::chrono_literals;
 using plist::Array;
 using plist::Dictionary;
 using plist::Value;
+using testing::RawConnection;
 namespace fs = std::filesystem;
 
 constexpr const char* kSocket = "/run/com.orvane.tessaryd";
@@ -260,43 +262,6 @@ int asUser(uid_t uid, gid_t gid, const std::function<int()>& body) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 99;
 }
 
-// A raw connection, to send what the client library would never send.
-class RawConnection {
-  public:
-    RawConnection() : fd_(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, kSocket, sizeof addr.sun_path - 1);
-        connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-    }
-    ~RawConnection() { ::close(fd_); }
-    RawConnection(const RawConnection&) = delete;
-    RawConnection& operator=(const RawConnection&) = delete;
-
-    bool connected() const { return connected_; }
-    bool send(const plist::Bytes& bytes) const {
-        return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-               static_cast<ssize_t>(bytes.size());
-    }
-    // The next datagram within `wait`; none on timeout; empty at hang-up.
-    std::optional<plist::Bytes> receive(std::chrono::milliseconds wait) const {
-        timeval tv{static_cast<time_t>(wait.count() / 1000),
-                   static_cast<suseconds_t>((wait.count() % 1000) * 1000)};
-        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        plist::Bytes buf(65536);
-        const ssize_t n = ::recv(fd_, buf.data(), buf.size(), 0);
-        if (n < 0) {
-            return std::nullopt;
-        }
-        buf.resize(static_cast<std::size_t>(n));
-        return buf;
-    }
-
-  private:
-    int fd_;
-    bool connected_ = false;
-};
-
 // Who asks, and with what authorization form.
 enum class Caller {
     NoForm,       // root, without a form
@@ -376,7 +341,7 @@ int matrixMismatches(Caller caller) {
             ++mismatches;
         }
     };
-    RawConnection connection;
+    RawConnection connection(kSocket);
     expect(connection.connected(), "cannot connect");
     const plist::Bytes status = datagram(Caller::NoForm, "status", {});
     for (const AdminCommand& command : adminCommands()) {
@@ -437,9 +402,9 @@ TEST(DaemonEndToEnd, OnlyHoldersOfTheRightRunAdminCommandsAndStatusRunsForAll) {
 }
 
 TEST(DaemonEndToEnd, GarbageClosesOnlyItsOwnConnection) {
-    RawConnection bystander;
-    RawConnection vandal;
-    ASSERT_TRUE(vandal.send({'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'}));
+    RawConnection bystander(kSocket);
+    RawConnection vandal(kSocket);
+    ASSERT_TRUE(vandal.send(std::string("not a plist")));
     auto end = vandal.receive(5s);
     ASSERT_TRUE(end.has_value());
     EXPECT_TRUE(end->empty());  // hung up
