@@ -123,8 +123,6 @@ class PromotionTest : public testing::DaemonFixture {
     PromotionTest() {
         t.addDefinition("backend.plist", testing::definition("com.orvane.tessaryadmind.backend"));
         t.addDefinition("svc.plist", testing::definition("svc"));
-        t.addDefinition("awake.plist",
-                        testing::definition("awake", {{"PreventsSleep", Value::boolean(true)}}));
         startDaemon();
         t.log.clear();
     }
@@ -168,18 +166,6 @@ TEST_F(PromotionTest, AClientThatCannotBeWatched) {
     EXPECT_EQ(command("beginPromotion").code, 0);
     EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
     EXPECT_EQ(t.log.lines().back(), "WARNING: Client 4242 exited before promotion ended.");
-}
-
-// The services a reload drops give back their sleep assertions; the new
-// ones take theirs as their switches say.
-TEST_F(PromotionTest, ReloadingGivesBackTheAssertionsOfTheServicesItDrops) {
-    EXPECT_EQ(command("enable", {{"service", Value("awake")}}).code, 0);
-    ASSERT_EQ(t.powerAssertions.held.size(), 1U);
-    EXPECT_EQ(command("restoreServices").code, 0);
-    EXPECT_EQ(t.powerAssertions.held.size(), 1U);  // the new object's, not a second
-    EXPECT_EQ(t.powerAssertions.released.size(), 1U);
-    EXPECT_EQ(command("disable", {{"service", Value("awake")}}).code, 0);
-    EXPECT_TRUE(t.powerAssertions.held.empty());
 }
 
 TEST_F(PromotionTest, FailuresAndRestoration) {
