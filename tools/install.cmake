@@ -20,16 +20,21 @@ set(TESSARY_APP_SOURCE ${CMAKE_CURRENT_SOURCE_DIR}/examples/Tessary.app)
 set(TESSARY_APP_BUNDLE ${CMAKE_BINARY_DIR}/Tessary.app)
 set(TESSARY_APP_POLICY ${CMAKE_CURRENT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy)
 file(GLOB_RECURSE TESSARY_APP_SOURCES CONFIGURE_DEPENDS ${TESSARY_APP_SOURCE}/*)
+# The bundle's versions are the project's: the daemon answers only beside an
+# app whose short version equals its own.
+set(TESSARY_APP_INFO ${CMAKE_BINARY_DIR}/Tessary.app.Info.plist)
+configure_file(${TESSARY_APP_SOURCE}/Contents/Info.plist ${TESSARY_APP_INFO} @ONLY)
 add_custom_command(
   OUTPUT ${CMAKE_BINARY_DIR}/Tessary.app.stamp
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${TESSARY_APP_BUNDLE}
   COMMAND ${CMAKE_COMMAND} -E copy_directory ${TESSARY_APP_SOURCE} ${TESSARY_APP_BUNDLE}
+  COMMAND ${CMAKE_COMMAND} -E copy ${TESSARY_APP_INFO} ${TESSARY_APP_BUNDLE}/Contents/Info.plist
   COMMAND ${CMAKE_COMMAND} -E make_directory ${TESSARY_APP_BUNDLE}/Contents/Library/LaunchServices
   COMMAND ${CMAKE_COMMAND} -E copy $<TARGET_FILE:tessaryd>
           ${TESSARY_APP_BUNDLE}/Contents/Library/LaunchServices/com.orvane.tessaryd
   COMMAND ${CMAKE_COMMAND} -E copy ${TESSARY_APP_POLICY} ${TESSARY_APP_BUNDLE}/Contents/Resources/
   COMMAND ${CMAKE_COMMAND} -E touch ${CMAKE_BINARY_DIR}/Tessary.app.stamp
-  DEPENDS ${TESSARY_APP_SOURCES} ${TESSARY_APP_POLICY} tessaryd
+  DEPENDS ${TESSARY_APP_SOURCES} ${TESSARY_APP_INFO} ${TESSARY_APP_POLICY} tessaryd
   COMMENT "Assembling Tessary.app"
   VERBATIM)
 add_custom_target(tessary_app ALL DEPENDS ${CMAKE_BINARY_DIR}/Tessary.app.stamp)

@@ -8,7 +8,8 @@ namespace tessary {
 // lists are linked into the executable (sections ".tessary_info" and
 // ".tessary_job") so that an installed copy can be read from disk.
 inline constexpr const char* kDaemonLabel = "com.orvane.tessaryd";
-inline constexpr const char* kDaemonVersion = "5.11.1";
+// The project's version, set by the build (see src/CMakeLists.txt).
+inline constexpr const char* kDaemonVersion = TESSARY_DAEMON_VERSION;
 
 plist::Value daemonInfoDictionary();
 plist::Value daemonJobDefinition();

@@ -1,0 +1,424 @@
+#!/usr/bin/env bash
+# The Debian package on a booted machine, the way an administrator has it:
+# systemd as PID 1 in a throw-away container.
+#
+#   machine-test.sh SOURCE_DIR BUILD_DIR NEXT_VERSION [CMAKE_ARG...]
+#
+# Makes the package from BUILD_DIR with cpack, and a second one of
+# NEXT_VERSION from a build of SOURCE_DIR in BUILD_DIR/machine-next (configured
+# with CMAKE_ARG..., built while the first steps run; kept, so that a second
+# run only rebuilds what changed). Boots this machine's own root, under an
+# overlay whose upper layer is a tmpfs, with systemd-nspawn, and then inside,
+# checking each step:
+#   1. `apt-get install` of the package: the daemon runs as a system unit and
+#      answers tessaryctl;
+#   2. a sample service enabled runs as its unit; its arguments overridden,
+#      a new process runs with them; a dynamic service created runs, and is
+#      gone once destroyed;
+#   3. a promotion; then a reboot: the generator brings the daemon back, and
+#      the choices (the services, the override) are kept;
+#   4. `apt-get install` of the later package: the daemon restarts on the new
+#      executable, and the services stay enabled and running;
+#   5. `apt-get remove`: nothing of the project is left but the preferences;
+#      `apt-get purge`: they go too.
+# The daemon's journal lines are printed when a step fails.
+#
+# Everything happens in a private mount and PID namespace, so that no mount
+# and no process outlives the script even when it is killed; on its way out
+# it stops the machine, unmounts and removes what it made.
+#
+# Exit status 77 (CTest's "skipped") when not root, or when systemd-nspawn,
+# cpack's helpers or overlays are not there or the machine does not boot.
+set -Eeuo pipefail
+
+readonly skip_status=77
+
+skip() {
+    echo "machine-test: skipped: $*" >&2
+    exit "$skip_status"
+}
+
+if [[ -z "${TESSARY_MACHINE_INNER:-}" ]]; then
+    [[ "$(id -u)" == 0 ]] || skip "booting a machine needs root"
+    command -v systemd-nspawn >/dev/null || skip "no systemd-nspawn (package systemd-container)"
+    # cpack's dependency list needs dpkg-shlibdeps (dpkg-dev) and file.
+    if ! command -v dpkg-shlibdeps >/dev/null || ! command -v file >/dev/null; then
+        skip "cpack needs dpkg-dev and file"
+    fi
+    exec unshare --mount --pid --fork --kill-child=SIGTERM --mount-proc --propagation private \
+        env TESSARY_MACHINE_INNER=1 bash "$0" "$@"
+fi
+
+source_dir=$1 build_dir=$2 next_version=$3
+shift 3
+next_cmake_args=("$@")
+next_build_dir=$build_dir/machine-next
+
+# Inside the machine.
+readonly daemon_unit=com.orvane.tessaryd.service
+readonly preferences=/Library/Tessary/Setup/com.orvane.tessaryd.plist
+readonly installed_daemon=/Library/PrivilegedHelperTools/com.orvane.tessaryd
+readonly app_daemon=/Applications/Tessary.app/Contents/Library/LaunchServices/com.orvane.tessaryd
+readonly libexec=/Applications/Tessary.app/Contents/TessaryRoot/usr/libexec/tessary
+readonly heartbeat=com.orvane.tessary.heartbeat
+readonly backend=com.orvane.tessaryadmind.backend
+readonly dynamic=com.example.machine.dynamic
+readonly files=/root/tessary-machine  # what the test hands the machine
+
+work=''
+nspawn_pid=''
+machine_pid=''
+next_build_pid=''
+
+# --- the machine ------------------------------------------------------------
+
+# Runs a command inside the machine, with a plain environment.
+machine() {
+    nsenter -t "$machine_pid" -m -u -i -n -p -- \
+        env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
+        DEBIAN_FRONTEND=noninteractive "$@"
+}
+
+machine_running() {
+    [[ -n "$nspawn_pid" ]] && kill -0 "$nspawn_pid" 2>/dev/null
+}
+
+# Runs CONDITION... every 0.1 s until it succeeds or SECONDS have passed.
+wait_for() {
+    local seconds=$1
+    shift
+    local tries=$((seconds * 10))
+    while ((tries-- > 0)); do
+        "$@" && return 0
+        sleep 0.1
+    done
+    return 1
+}
+
+system_is_up() {
+    local state
+    state=$(machine systemctl is-system-running 2>/dev/null) || true
+    [[ "$state" == running || "$state" == degraded ]]
+}
+
+# Boots the machine over the upper layer as it is; returns non-zero when it
+# does not come up.
+boot() {
+    local tries
+    systemd-nspawn -D "$work/root" --register=no --keep-unit --boot --private-network \
+        </dev/null >>"$work/console.log" 2>&1 &
+    nspawn_pid=$!
+    machine_pid=''
+    for ((tries = 0; tries < 900; tries++)); do
+        machine_running || return 1
+        # nspawn's child becomes the machine's PID 1.
+        [[ -n "$machine_pid" ]] || machine_pid=$(pgrep -P "$nspawn_pid" -x systemd) || true
+        [[ -n "$machine_pid" ]] && system_is_up && return 0
+        sleep 0.1
+    done
+    return 1
+}
+
+# `systemctl reboot` inside ends nspawn; the next boot finds what the upper
+# layer kept, as a disk would.
+reboot_machine() {
+    machine systemctl reboot
+    wait_for 60 eval '! kill -0 "$nspawn_pid" 2>/dev/null' || fail "the machine did not shut down"
+    wait "$nspawn_pid" || true  # nspawn ends with 133 on a reboot
+    nspawn_pid=''
+    boot || fail "the machine did not boot again: $(tail -n 20 "$work/console.log")"
+}
+
+stop_machine() {
+    machine_running || return 0
+    machine systemctl poweroff >/dev/null 2>&1 || true
+    if ! wait_for 60 eval '! kill -0 "$nspawn_pid" 2>/dev/null'; then
+        kill -KILL "$nspawn_pid" 2>/dev/null || true
+    fi
+    wait "$nspawn_pid" 2>/dev/null || true
+    nspawn_pid=''
+}
+
+teardown() {
+    local status=$?
+    trap - ERR
+    set +e
+    if [[ -n "$next_build_pid" ]]; then
+        # The build runs in a process group of its own, compilers and all.
+        kill -TERM -- "-$next_build_pid" 2>/dev/null
+        wait_for 20 eval '! kill -0 -- "-$next_build_pid" 2>/dev/null'
+    fi
+    stop_machine
+    if [[ -n "$work" ]]; then
+        umount -R "$work" || umount -R -l "$work"
+        rmdir "$work"
+    fi
+    umount /run/systemd 2>/dev/null
+    exit "$status"
+}
+
+# The daemon's lines and the state of the project's units, to see why a step
+# failed. With the machine down, its journal is read from the upper layer
+# (kept there where the host keeps a persistent journal).
+show_journal() {
+    echo "--- the daemon's journal:" >&2
+    if machine_running; then
+        machine journalctl --no-pager -q -t com.orvane.tessaryd >&2
+        echo "--- the project's units:" >&2
+        machine systemctl --no-pager list-units --all 'com.orvane.*' 'com.example.*' >&2
+    elif [[ -n "$work" && -d "$work/root/var/log/journal" ]]; then
+        journalctl --no-pager -q -D "$work/root/var/log/journal" -t com.orvane.tessaryd >&2
+    fi
+}
+
+fail() {
+    trap - ERR
+    echo "machine-test: $*" >&2
+    show_journal || true
+    exit 1
+}
+
+# --- the packages -----------------------------------------------------------
+
+# The same tree at the later version, so that the daemon in it is a rebuilt
+# one that carries another version. Runs in the background: it reports by its
+# status alone.
+build_next_package() {
+    trap - ERR
+    cmake -S "$source_dir" -B "$next_build_dir" "${next_cmake_args[@]}" \
+        -DTESSARY_VERSION="$next_version" -DTESSARY_BUILD_TESTS=OFF -DTESSARY_BUILD_BENCH=OFF &&
+        cmake --build "$next_build_dir" &&
+        cpack -G DEB --config "$next_build_dir/CPackConfig.cmake" -B "$work/next"
+}
+
+# --- checks inside the machine ----------------------------------------------
+
+unit_state() {
+    machine systemctl is-active "$1" 2>/dev/null || true
+}
+
+main_pid() {
+    machine systemctl show -P MainPID "$1"
+}
+
+runs_another_process() {
+    local pid
+    pid=$(main_pid "$1")
+    [[ "$pid" != 0 && "$pid" != "$2" ]]
+}
+
+unit_is_active() {
+    [[ "$(unit_state "$1")" == active ]]
+}
+
+# The command line of a unit's main process, arguments separated by spaces.
+command_line() {
+    machine bash -c 'tr "\0" " " </proc/$(systemctl show -P MainPID "$1")/cmdline' - "$1"
+}
+
+tessaryctl() {
+    machine tessaryctl "$@"
+}
+
+# The daemon runs as the system manager's unit from UNIT_FILE and answers.
+daemon_answers() {
+    local unit_file=$1
+    wait_for 30 unit_is_active "$daemon_unit" ||
+        fail "the daemon's unit is $(unit_state "$daemon_unit")"
+    [[ "$(machine systemctl show -P FragmentPath "$daemon_unit")" == "$unit_file" ]] ||
+        fail "the daemon's unit comes from $(machine systemctl show -P FragmentPath "$daemon_unit")"
+    # A request socket may be left from the daemon before; it answers once it
+    # has started.
+    wait_for 10 tessaryctl status >/dev/null 2>&1 || fail "tessaryctl status: $(tessaryctl status 2>&1)"
+}
+
+setup_status_is() {
+    local status
+    status=$(tessaryctl status)
+    [[ "$status" == "$1" ]] || fail "the set-up status is $status, not $1"
+}
+
+# SERVICE is listed as enabled, and its unit is active.
+service_runs() {
+    tessaryctl list | awk -v service="$1" '$1 == "enabled" && $2 == service { found = 1 }
+        END { exit !found }' || fail "$1 is not enabled: $(tessaryctl list)"
+    wait_for 10 unit_is_active "$1.service" || fail "$1.service is $(unit_state "$1.service")"
+}
+
+heartbeat_runs_with() {
+    local expected="/bin/bash $libexec/tessary-heartbeat $*"
+    [[ "$(command_line "$heartbeat.service")" == "$expected " ]] ||
+        fail "the heartbeat runs as: $(command_line "$heartbeat.service")"
+}
+
+preferred_version() {
+    machine grep -A1 '<key>version</key>' "$preferences" | sed -n 's:.*<string>\(.*\)</string>.*:\1:p'
+}
+
+install_package() {
+    local deb=$1 version=$2
+    machine apt-get install -y --no-install-recommends "$files/$deb" >"$work/apt.log" 2>&1 ||
+        fail "apt-get install $deb failed: $(cat "$work/apt.log")"
+    [[ "$(machine dpkg-query -W -f '${Version}' tessary)" == "$version" ]] ||
+        fail "tessary $version is not installed"
+}
+
+# What the project may have left anywhere it writes, other than the
+# preferences; empty when nothing is left.
+project_leftovers() {
+    machine find /Applications /Library /run /var/db /usr/lib/tessary \
+        \( -iname '*tessary*' -o -name 'com.orvane.*' -o -name 'com.example.*' -o -name Orvane \) \
+        -not -path /Library/Tessary -not -path /Library/Tessary/Setup -not -path "$preferences" \
+        -print 2>/dev/null || true
+    machine systemctl list-units --all --plain --no-legend 'com.orvane.*' 'com.example.*'
+    machine systemctl list-unit-files --plain --no-legend 'com.orvane.*' 'com.example.*' || true
+    machine pgrep -a -f 'Tessary\.app|PrivilegedHelperTools|com\.orvane' || true
+    machine grep -E 'tessary|orvane' /proc/net/unix || true
+}
+
+# --- the steps --------------------------------------------------------------
+
+step_install() {
+    install_package "$first_deb" "$first_version"
+    daemon_answers "/run/systemd/system/$daemon_unit"
+    setup_status_is unconfigured
+    [[ "$(preferred_version)" == "$first_version" ]] || fail "the daemon records version $(preferred_version)"
+}
+
+step_services() {
+    local before
+    tessaryctl enable "$heartbeat"
+    service_runs "$heartbeat"
+    heartbeat_runs_with /run/tessary-heartbeat 5
+    wait_for 10 machine test -s /run/tessary-heartbeat || fail "no heartbeat"
+
+    before=$(main_pid "$heartbeat.service")
+    tessaryctl program-arguments "$heartbeat" -- "$libexec/tessary-heartbeat" /run/tessary-heartbeat 1 \
+        >/dev/null
+    wait_for 10 runs_another_process "$heartbeat.service" "$before" ||
+        fail "the heartbeat still runs as process $before after its arguments changed"
+    service_runs "$heartbeat"
+    heartbeat_runs_with /run/tessary-heartbeat 1
+
+    cat >"$work/root$files/dynamic.plist" <<PLIST
+<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0">
+<dict>
+	<key>Label</key><string>$dynamic</string>
+	<key>ProgramArguments</key>
+	<array><string>/bin/sleep</string><string>infinity</string></array>
+	<key>KeepAlive</key><true/>
+</dict>
+</plist>
+PLIST
+    [[ "$(tessaryctl create --file "$files/dynamic.plist")" == "$dynamic" ]] ||
+        fail "tessaryctl create did not name $dynamic"
+    tessaryctl enable "$dynamic"
+    service_runs "$dynamic"
+    tessaryctl destroy "$dynamic" >/dev/null
+    [[ "$(machine systemctl show -P LoadState "$dynamic.service")" == not-found ]] ||
+        fail "$dynamic.service is still loaded after its destruction"
+    ! tessaryctl list | grep -q "$dynamic" || fail "$dynamic is still listed after its destruction"
+}
+
+step_promotion_and_reboot() {
+    tessaryctl promote -- true || fail "the promotion failed"
+    setup_status_is configured
+    service_runs "$backend"
+
+    reboot_machine
+    daemon_answers "/run/systemd/generator/$daemon_unit"
+    setup_status_is configured
+    service_runs "$backend"
+    service_runs "$heartbeat"
+    heartbeat_runs_with /run/tessary-heartbeat 1
+}
+
+step_upgrade() {
+    local before
+    before=$(main_pid "$daemon_unit")
+    install_package "$next_deb" "$next_version"
+    daemon_answers "/run/systemd/generator/$daemon_unit"
+    [[ "$(main_pid "$daemon_unit")" != "$before" ]] || fail "the upgrade did not restart the daemon"
+    [[ "$(machine readlink "/proc/$(main_pid "$daemon_unit")/exe")" == "$installed_daemon" ]] ||
+        fail "the daemon does not run from $installed_daemon"
+    machine cmp -s "$installed_daemon" "$app_daemon" ||
+        fail "the installed daemon is not the one of the new package"
+    # The daemon records its own version at start.
+    [[ "$(preferred_version)" == "$next_version" ]] ||
+        fail "the running daemon records version $(preferred_version), not $next_version"
+    setup_status_is configured
+    service_runs "$backend"
+    service_runs "$heartbeat"
+    heartbeat_runs_with /run/tessary-heartbeat 1
+}
+
+step_remove_and_purge() {
+    local left package_files
+    package_files=$(machine dpkg-query -L tessary)
+    machine apt-get remove -y tessary >"$work/apt.log" 2>&1 ||
+        fail "apt-get remove failed: $(cat "$work/apt.log")"
+    ! grep tessary- "$work/apt.log" || fail "tessary-install complained"
+    left=$(project_leftovers)
+    [[ -z "$left" ]] || fail "left after removal: $left"
+    left=$(machine bash -c 'while read -r path; do [[ -d $path || ! -e $path ]] || echo "$path"; done' \
+        <<<"$package_files")
+    [[ -z "$left" ]] || fail "the package's files left after removal: $left"
+    machine test -f "$preferences" || fail "removal took the preferences"
+
+    machine apt-get purge -y tessary >"$work/apt.log" 2>&1 ||
+        fail "apt-get purge failed: $(cat "$work/apt.log")"
+    ! machine test -e /Library/Tessary || fail "the preferences are left after purge"
+    ! machine dpkg-query -W tessary >/dev/null 2>&1 || fail "dpkg still knows the package"
+}
+
+# --- the run ------------------------------------------------------------------
+
+trap teardown EXIT
+trap 'exit 143' TERM INT
+trap 'fail "line $LINENO: $BASH_COMMAND failed"' ERR
+started=$SECONDS
+
+work=$(mktemp -d /tmp/tessary-machine.XXXXXX)
+mount -t tmpfs -o mode=0700 tmpfs "$work"
+# nspawn keeps its locks under /run/systemd/nspawn: keep them off the host.
+mount -t tmpfs -o mode=0755 tmpfs /run/systemd
+mkdir "$work/first" "$work/next" "$work/upper" "$work/overlay" "$work/root"
+
+cpack -G DEB --config "$build_dir/CPackConfig.cmake" -B "$work/first" >"$work/cpack.log" 2>&1 ||
+    fail "cpack failed: $(tail -n 20 "$work/cpack.log")"
+set -m  # a process group of its own for the build, to end it as a whole
+build_next_package >"$work/next-build.log" 2>&1 &
+next_build_pid=$!
+set +m
+
+mount -t overlay overlay -o "lowerdir=/,upperdir=$work/upper,workdir=$work/overlay" "$work/root" ||
+    skip "cannot mount an overlay of / here"
+# nspawn refuses the host's machine id; man-db's trigger would rebuild the
+# manual index for nothing at every install and removal.
+rm -f "$work/root/etc/machine-id" "$work/root/var/lib/man-db/auto-update"
+systemd-id128 new >"$work/root/etc/machine-id"
+boot || skip "systemd-nspawn cannot boot a machine here: $(tail -n 20 "$work/console.log")"
+echo "machine-test: booted in $((SECONDS - started)) s"
+
+mkdir -p "$work/root$files"
+cp "$work"/first/tessary_*.deb "$work/root$files/"
+first_deb=$(basename "$work"/first/tessary_*.deb)
+first_version=$(dpkg-deb -f "$work/root$files/$first_deb" Version)
+
+step_install
+step_services
+step_promotion_and_reboot
+
+wait "$next_build_pid" ||
+    fail "the package of version $next_version was not made: $(tail -n 30 "$work/next-build.log")"
+next_build_pid=''
+cp "$work"/next/tessary_"$next_version"_*.deb "$work/root$files/"
+next_deb=$(basename "$work"/next/tessary_"$next_version"_*.deb)
+dpkg --compare-versions "$next_version" gt "$first_version" ||
+    fail "$next_version is not later than $first_version"
+step_upgrade
+step_remove_and_purge
+
+echo "machine-test: installed, used, rebooted, upgraded to $next_version, removed and purged" \
+    "in $((SECONDS - started)) s"
