@@ -112,7 +112,8 @@ int TYSupervisor::performRequest(const std::string& command,
 
     Arguments args;
     if (arguments && !arguments->empty()) {
-        auto decoded = plist::decode(std::span<const std::uint8_t>(*arguments), plist::kRequestBudget);
+        auto decoded =
+            plist::decode(std::span<const std::uint8_t>(*arguments), plist::kRequestBudget);
         if (!decoded) {
             log.error("couldn't deserialize arguments dictionary");
             return kFailure;

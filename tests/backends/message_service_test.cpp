@@ -9,8 +9,8 @@
 #include <fstream>
 
 #include "backends/event_loop.h"
-#include "doubles/recording_system_log.h"
 #include "base/unique_fd.h"
+#include "doubles/recording_system_log.h"
 #include "platform/linux/peer_identity.h"
 #include "platform/linux/unix_message_service.h"
 #include "plist/codec.h"
@@ -135,8 +135,7 @@ TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
         {binary(atLimit), atLimit},
         {binary(requestOfSize(UnixMessageService::kMaxDatagram + 1)), Dictionary{}},
         {binary(withForm(formValue({me.pid, kNobody, me.startTime}))), withForm(unimportable)},
-        {binary(withForm(formValue({me.pid, me.uid, me.startTime + 1}))),
-         withForm(unimportable)},
+        {binary(withForm(formValue({me.pid, me.uid, me.startTime + 1}))), withForm(unimportable)},
         {binary(withForm(Value::data({1, 2}))), withForm(Value::data({1, 2}))},
     };
 
