@@ -234,15 +234,15 @@ daemon_answers() {
 
 setup_status_is() {
     local status
-    status=$(tessaryctl status)
+    status=$(tessaryctl status | head -n 1)
     [[ "$status" == "$1" ]] || fail "the set-up status is $status, not $1"
 }
 
-# SERVICE is listed as enabled, and its unit is active.
+# SERVICE is listed as enabled and running, and its unit is active.
 service_runs() {
-    tessaryctl list | awk -v service="$1" '$1 == "enabled" && $2 == service { found = 1 }
-        END { exit !found }' || fail "$1 is not enabled: $(tessaryctl list)"
     wait_for 10 unit_is_active "$1.service" || fail "$1.service is $(unit_state "$1.service")"
+    tessaryctl list | awk -v service="$1" '$1 == "enabled" && $2 == "running" && $NF == service {
+        found = 1 } END { exit !found }' || fail "$1 is not enabled and running: $(tessaryctl list)"
 }
 
 heartbeat_runs_with() {
@@ -321,6 +321,53 @@ PLIST
     ! tessaryctl list | grep -q "$dynamic" || fail "$dynamic is still listed after its destruction"
 }
 
+# An administrator who is not root: tessaryctl asks for the password on the
+# terminal through polkit, as systemctl does, and the daemon then finds the
+# authorization polkit kept. A user who is not an administrator is told so.
+step_administrator() {
+    machine useradd --create-home --groups sudo --shell /bin/bash tessadmin
+    machine bash -c 'echo "tessadmin:correct horse" | chpasswd'
+    machine useradd --create-home --shell /bin/bash tessuser
+    cp "$source_dir/tests/machine/answer-prompt.py" "$work/root$files/"
+    tessaryctl disable "$heartbeat"
+    machine python3 "$files/answer-prompt.py" "correct horse" \
+        su --login --pty tessadmin --command "tessaryctl enable $heartbeat" >"$work/transcript" 2>&1 ||
+        fail "the administrator's enable failed: $(cat "$work/transcript")"
+    echo "machine-test: a non-root administrator's first tessaryctl enable:"
+    sed 's/^/    /' "$work/transcript"
+    grep -q "Password:" "$work/transcript" || fail "no password was asked for"
+    service_runs "$heartbeat"
+    local refused
+    refused=$(machine su --login tessuser --command "tessaryctl --no-ask-password disable $heartbeat" 2>&1) &&
+        fail "a user who is not an administrator disabled $heartbeat"
+    [[ "$refused" == "tessaryctl: not authorized: run as root or authenticate as an administrator" ]] ||
+        fail "the refusal said: $refused"
+    service_runs "$heartbeat"
+    tessaryctl logs "$heartbeat" | grep -q "$heartbeat.service" ||
+        fail "no journal lines for $heartbeat: $(tessaryctl logs "$heartbeat")"
+}
+
+# An installed product older than the oldest the daemon works with: it loads
+# no service and watches no sleep, and still answers. The machine then wants
+# setting up again: the next start parks the services, and a promotion brings
+# them back.
+step_incompatible_product() {
+    machine cp /etc/tessary/version "$files/version"
+    machine bash -c 'echo 4.0 >/etc/tessary/version'
+    machine systemctl restart "$daemon_unit"
+    daemon_answers "/run/systemd/generator/$daemon_unit"
+    ! tessaryctl list | grep -q enabled || fail "an incompatible product loaded services: $(tessaryctl list)"
+    machine journalctl -b -t com.orvane.tessaryd | grep -q "power notifications" &&
+        fail "an incompatible product registered for power notifications"
+    machine cp "$files/version" /etc/tessary/version
+    machine systemctl restart "$daemon_unit"
+    daemon_answers "/run/systemd/generator/$daemon_unit"
+    setup_status_is updatable
+    tessaryctl promote -- true || fail "the promotion after the incompatible product failed"
+    setup_status_is configured
+    service_runs "$heartbeat"
+}
+
 step_promotion_and_reboot() {
     tessaryctl promote -- true || fail "the promotion failed"
     setup_status_is configured
@@ -354,8 +401,10 @@ step_upgrade() {
 }
 
 step_remove_and_purge() {
-    local left package_files
-    package_files=$(machine dpkg-query -L tessary)
+    local left package_files conffiles
+    # The configuration files (the product's versions) stay until the purge.
+    conffiles=$(machine dpkg-query -W -f '${Conffiles}' tessary | awk '{print $1}')
+    package_files=$(machine dpkg-query -L tessary | grep -vxF "$conffiles")
     machine apt-get remove -y tessary >"$work/apt.log" 2>&1 ||
         fail "apt-get remove failed: $(cat "$work/apt.log")"
     ! grep tessary- "$work/apt.log" || fail "tessary-install complained"
@@ -369,6 +418,7 @@ step_remove_and_purge() {
     machine apt-get purge -y tessary >"$work/apt.log" 2>&1 ||
         fail "apt-get purge failed: $(cat "$work/apt.log")"
     ! machine test -e /Library/Tessary || fail "the preferences are left after purge"
+    ! machine test -e /etc/tessary || fail "the product's version files are left after purge"
     ! machine dpkg-query -W tessary >/dev/null 2>&1 || fail "dpkg still knows the package"
 }
 
@@ -408,7 +458,9 @@ first_version=$(dpkg-deb -f "$work/root$files/$first_deb" Version)
 
 step_install
 step_services
+step_administrator
 step_promotion_and_reboot
+step_incompatible_product
 
 wait "$next_build_pid" ||
     fail "the package of version $next_version was not made: $(tail -n 30 "$work/next-build.log")"
