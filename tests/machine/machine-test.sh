@@ -357,12 +357,15 @@ step_incompatible_product() {
     machine systemctl restart "$daemon_unit"
     daemon_answers "/run/systemd/generator/$daemon_unit"
     ! tessaryctl list | grep -q enabled || fail "an incompatible product loaded services: $(tessaryctl list)"
-    machine journalctl -b -t com.orvane.tessaryd | grep -q "power notifications" &&
-        fail "an incompatible product registered for power notifications"
+    # The power watcher is the daemon's sleep delay lock.
+    machine systemd-inhibit --list --no-legend | grep -q com.orvane.tessaryd &&
+        fail "an incompatible product watches sleep: $(machine systemd-inhibit --list)"
     machine cp "$files/version" /etc/tessary/version
     machine systemctl restart "$daemon_unit"
     daemon_answers "/run/systemd/generator/$daemon_unit"
     setup_status_is updatable
+    machine systemd-inhibit --list --no-legend | grep -q com.orvane.tessaryd ||
+        fail "the daemon does not watch sleep: $(machine systemd-inhibit --list)"
     tessaryctl promote -- true || fail "the promotion after the incompatible product failed"
     setup_status_is configured
     service_runs "$heartbeat"
