@@ -30,6 +30,7 @@ std::optional<std::vector<Unit>> listUnits(sd_bus* bus, const std::vector<std::s
     }
     linux_backend::SdBusMessagePtr call(raw);
     std::vector<const char*> strv;
+    strv.reserve(names.size() + 1);
     for (const std::string& n : names) {
         strv.push_back(n.c_str());
     }

@@ -11,7 +11,7 @@ TYSupervisor::TYSupervisor(Platform& platform)
       environment_{preferences_, platform.serviceManager, platform.log, sharedAuthorization_,
                    platform.powerAssertions} {}
 
-void TYSupervisor::setServices(ServiceList services) {
+void TYSupervisor::setServices(const ServiceList& services) {
     const ServiceList old = services_.get();
     services_.set(services);
     if (!old) {

@@ -67,7 +67,7 @@ class TYSupervisor final : public ServiceOwner {
     ServiceList services() const override { return services_.get(); }
     // A service that leaves the list gives back its sleep assertion, which
     // would otherwise be held until the daemon exits.
-    void setServices(ServiceList services);
+    void setServices(const ServiceList& services);
     CommandTable authorizationRightsForCommands() const { return rights_.get(); }
     void setAuthorizationRightsForCommands(CommandTable t) { rights_.set(std::move(t)); }
     CommandTable requirementsForCommands() const { return requirements_.get(); }

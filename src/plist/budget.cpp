@@ -330,7 +330,9 @@ std::string xmlOverBudget(std::string_view t, const Budget& budget) {
         for (std::size_t i = from; i < t.size(); ++i) {
             const char c = t[i];
             if (quote != 0) {
-                quote = c == quote ? 0 : quote;
+                if (c == quote) {
+                    quote = 0;
+                }
             } else if (c == '"' || c == '\'') {
                 quote = c;
             } else if (c == '[') {
