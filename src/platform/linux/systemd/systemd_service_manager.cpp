@@ -131,46 +131,52 @@ class ManagerBus {
     // first if it does not have them: one call for all of them, where LoadUnit
     // and two properties take three for each.
     Result<std::vector<UnitState>> unitStates(const std::vector<std::string>& units) {
-        const std::string what = units.size() == 1 ? units.front() : "units";
-        sd_bus_message* rawCall = nullptr;
-        int r = sd_bus_message_new_method_call(bus_, &rawCall, kDestination, kManagerPath,
-                                               kManagerInterface, "ListUnitsByNames");
-        SdBusMessagePtr call(rawCall);
-        std::vector<const char*> names;
-        names.reserve(units.size() + 1);
-        for (const auto& unit : units) {
-            names.push_back(unit.c_str());
+        auto listed = listUnits("ListUnitsByNames", units);
+        if (!listed) {
+            return listed.error();
         }
-        names.push_back(nullptr);
-        if (r >= 0) {
-            r = sd_bus_message_append_strv(rawCall, const_cast<char**>(names.data()));
-        }
-        SdBusError error;
-        sd_bus_message* raw = nullptr;
-        if (r >= 0) {
-            r = sd_bus_call(bus_, rawCall, 0, error.get(), &raw);
-        }
-        SdBusMessagePtr reply(raw);
-        if (r < 0) {
-            return busFailure("Unable to load " + what, r, error);
-        }
-        if (sd_bus_message_enter_container(raw, 'a', "(ssssssouso)") <= 0) {
-            return Error::posix(EBADMSG, "Unexpected reply loading " + what);
+        if (listed.value().size() != units.size()) {
+            return Error::posix(EBADMSG, "Unexpected reply to load " + describe(units));
         }
         std::vector<UnitState> states;
         states.reserve(units.size());
+        for (auto& [name, state] : listed.value()) {
+            states.push_back(std::move(state));
+        }
+        return states;
+    }
+
+    // The manager's view of each of `units` as it has them in memory, loading
+    // none: one it does not have comes back as neither loaded nor running,
+    // with no object path. Asked by name, a unit the manager does not have
+    // makes it look for the unit's file in every unit directory, and, once
+    // one of them has changed since it last looked (as every removal changes
+    // ours), read them all again first; a stop of many jobs at once would
+    // keep the manager busy with that while the stops wait to be queued.
+    Result<std::vector<UnitState>> unitStatesInMemory(const std::vector<std::string>& units) {
+        // Exact names as patterns; the answer is matched by name below, so a
+        // wildcard that stands for a character patterns give a meaning to can
+        // only widen it.
+        std::vector<std::string> patterns;
+        patterns.reserve(units.size());
+        for (std::string unit : units) {
+            std::replace_if(
+                unit.begin(), unit.end(),
+                [](char c) { return c == '*' || c == '?' || c == '[' || c == '\\'; }, '?');
+            patterns.push_back(std::move(unit));
+        }
+        auto listed = listUnits("ListUnitsByPatterns", patterns, true);
+        if (!listed) {
+            return listed.error();
+        }
+        std::vector<UnitState> states(units.size(), UnitState{{}, {}, "inactive"});
         for (std::size_t i = 0; i < units.size(); ++i) {
-            const char* strings[6] = {};
-            const char* path = nullptr;
-            std::uint32_t jobId = 0;
-            const char* jobType = nullptr;
-            const char* jobPath = nullptr;
-            if (sd_bus_message_read(raw, "(ssssssouso)", &strings[0], &strings[1], &strings[2],
-                                    &strings[3], &strings[4], &strings[5], &path, &jobId, &jobType,
-                                    &jobPath) <= 0) {
-                return Error::posix(EBADMSG, "Unexpected reply loading " + what);
+            for (auto& [name, state] : listed.value()) {
+                if (name == units[i]) {
+                    states[i] = std::move(state);
+                    break;
+                }
             }
-            states.push_back(UnitState{path, strings[2], strings[3]});
         }
         return states;
     }
@@ -311,6 +317,65 @@ class ManagerBus {
 
   private:
     using Finished = std::map<std::string, std::string>;
+
+    static std::string describe(const std::vector<std::string>& units) {
+        return units.size() == 1 ? units.front() : "units";
+    }
+
+    // The units a ListUnits method answers for `names`, each with its name,
+    // in the order of the answer. `statesFirst`: the method takes a list of
+    // active states (left empty: any) before the names.
+    Result<std::vector<std::pair<std::string, UnitState>>> listUnits(
+        const char* method, const std::vector<std::string>& names, bool statesFirst = false) {
+        const std::string what = (statesFirst ? "look up " : "load ") + describe(names);
+        sd_bus_message* rawCall = nullptr;
+        int r = sd_bus_message_new_method_call(bus_, &rawCall, kDestination, kManagerPath,
+                                               kManagerInterface, method);
+        SdBusMessagePtr call(rawCall);
+        std::vector<const char*> strv;
+        strv.reserve(names.size() + 1);
+        for (const auto& name : names) {
+            strv.push_back(name.c_str());
+        }
+        strv.push_back(nullptr);
+        if (r >= 0 && statesFirst) {
+            const char* anyState[] = {nullptr};
+            r = sd_bus_message_append_strv(rawCall, const_cast<char**>(anyState));
+        }
+        if (r >= 0) {
+            r = sd_bus_message_append_strv(rawCall, const_cast<char**>(strv.data()));
+        }
+        SdBusError error;
+        sd_bus_message* raw = nullptr;
+        if (r >= 0) {
+            r = sd_bus_call(bus_, rawCall, 0, error.get(), &raw);
+        }
+        SdBusMessagePtr reply(raw);
+        if (r < 0) {
+            return busFailure("Unable to " + what, r, error);
+        }
+        if (sd_bus_message_enter_container(raw, 'a', "(ssssssouso)") <= 0) {
+            return Error::posix(EBADMSG, "Unexpected reply to " + what);
+        }
+        std::vector<std::pair<std::string, UnitState>> units;
+        for (;;) {
+            const char* strings[6] = {};
+            const char* path = nullptr;
+            std::uint32_t jobId = 0;
+            const char* jobType = nullptr;
+            const char* jobPath = nullptr;
+            r = sd_bus_message_read(raw, "(ssssssouso)", &strings[0], &strings[1], &strings[2],
+                                    &strings[3], &strings[4], &strings[5], &path, &jobId, &jobType,
+                                    &jobPath);
+            if (r == 0) {
+                return units;
+            }
+            if (r < 0) {
+                return Error::posix(EBADMSG, "Unexpected reply to " + what);
+            }
+            units.emplace_back(strings[0], UnitState{path, strings[2], strings[3]});
+        }
+    }
 
     ManagerBus(sd_bus* bus, SdBusPtr owned)
         : bus_(bus), owned_(std::move(owned)), finished_(new Finished) {}
@@ -480,6 +545,30 @@ bool inGeneratorDirectory(const SystemdServiceManagerOptions& options, const std
     return !directory.empty() && sameDirectory(directory, options.generatorDirectory);
 }
 
+// The manager's view of `units` without making it look for files of those
+// it does not have (see unitStatesInMemory), except that each unit for which
+// `byName` holds and that the manager does not have loaded is asked by name,
+// which loads it from its file if there is one.
+template <class ByName>
+Result<std::vector<UnitState>> statesLoadingOnly(ManagerBus& bus,
+                                                 const std::vector<std::string>& units,
+                                                 ByName byName) {
+    auto states = bus.unitStatesInMemory(units);
+    if (!states) {
+        return states;
+    }
+    for (std::size_t i = 0; i < units.size(); ++i) {
+        if (states.value()[i].loadState != "loaded" && byName(units[i])) {
+            auto state = bus.unitState(units[i]);
+            if (!state) {
+                return state.error();
+            }
+            states.value()[i] = std::move(state.value());
+        }
+    }
+    return states;
+}
+
 enum class Origin {
     None,     // neither loaded nor running, or from a file of ours that did not load
     Own,      // loaded or running from a file of ours, even one that is gone
@@ -527,8 +616,12 @@ Status ensureUnloaded(ManagerBus& bus, const SystemdServiceManagerOptions& optio
                       const std::vector<std::string>& units) {
     for (int attempt = 0; attempt < 2; ++attempt) {
         bool reload = false;
+        // A unit the manager does not have is not loaded; only the
+        // generator's file, which stays, could bring one back.
         auto states = units.empty() ? Result<std::vector<UnitState>>(std::vector<UnitState>{})
-                                    : bus.unitStates(units);
+                                    : statesLoadingOnly(bus, units, [&](const std::string& unit) {
+                                          return generatedUnit(options, unit);
+                                      });
         if (!states) {
             return states.error();
         }
@@ -777,9 +870,15 @@ Status SystemdServiceManager::removeJob(std::string_view label,
 
     // The job's units: its service and whatever triggers it (its sockets and
     // timer), plus the names those usually have, should the service be gone.
+    // A trigger the manager does not have is neither running nor loaded, and
+    // its file, if any, goes below all the same; the service (and a unit of
+    // the generator's) is looked for by name, as the question whether the
+    // job is loaded does.
     const std::string socket = std::string(label) + ".socket";
     const std::string timer = std::string(label) + ".timer";
-    auto usual = bus.unitStates({service, socket, timer});
+    auto usual = statesLoadingOnly(bus, {service, socket, timer}, [&](const std::string& unit) {
+        return unit == service || generatedUnit(options_, unit);
+    });
     if (!usual) {
         return usual.error();
     }
