@@ -238,6 +238,33 @@ TEST_F(SystemdServiceManagerTest, OnlyUnitsOfTheUnitDirectoryAreTheJobs) {
     (void)std::system(("systemctl --user stop " + unit).c_str());
 }
 
+// A job's socket and timer go with it, found through its service or, when
+// the service is gone, by the names they usually have.
+TEST_F(SystemdServiceManagerTest, TriggersAreRemovedWithTheJobEvenWithoutItsService) {
+    for (const bool serviceGone : {false, true}) {
+        const std::string job = label(serviceGone ? "withoutService" : "whole");
+        Dictionary dict = probeJob(job);
+        dict["Sockets"] = Value(Dictionary{
+            {"Listeners", Value(Dictionary{{"SockPathName", Value(dir.path() + "/" + job)}})}});
+        dict["StartInterval"] = Value::integer(3600);
+        ASSERT_TRUE(backend.submitJob(Value(dict), auth).ok()) << job;
+        EXPECT_EQ(state(job + ".socket"), "active") << job;
+        EXPECT_EQ(state(job + ".timer"), "active") << job;
+        if (serviceGone) {
+            std::filesystem::remove(std::string(kManagerUnitDirectory) + "/" + job + ".service");
+            ASSERT_EQ(std::system("systemctl --user daemon-reload"), 0);
+            ASSERT_NE(loadState(job + ".service"), "loaded");
+        }
+
+        const Status removed = backend.removeJob(job, auth, true);
+        EXPECT_TRUE(removed.ok()) << job << ": " << removed.error().description;
+        for (const std::string& unit : {job + ".service", job + ".socket", job + ".timer"}) {
+            EXPECT_EQ(loadState(unit), "not-found") << unit;
+            EXPECT_FALSE(unitFileExists(unit)) << unit;
+        }
+    }
+}
+
 TEST_F(SystemdServiceManagerTest, RemovesOfDifferentJobsOverlapInTime) {
     constexpr int kJobs = 10;
     std::vector<std::string> jobs;

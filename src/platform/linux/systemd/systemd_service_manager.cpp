@@ -1,6 +1,8 @@
 #include "platform/linux/systemd/systemd_service_manager.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,8 +11,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fstream>
+#include <functional>
 #include <map>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -95,82 +100,314 @@ struct UnitState {
     }
 };
 
-// A connection to the manager as one operation on one thread uses it: its
-// own, or the manager's kept one, borrowed.
-class ManagerBus {
+// Results of finished jobs ("done", "failed", ...) by job path.
+using JobResults = std::map<std::string, std::string>;
+
+// Records a JobRemoved signal into the JobResults at `userdata`.
+int recordJobRemoved(sd_bus_message* m, void* userdata, sd_bus_error* /*error*/) {
+    uint32_t id = 0;
+    const char* job = nullptr;
+    const char* unit = nullptr;
+    const char* result = nullptr;
+    if (sd_bus_message_read(m, "uoss", &id, &job, &unit, &result) >= 0) {
+        static_cast<JobResults*>(userdata)->insert_or_assign(job, result);
+    }
+    return 0;
+}
+
+}  // namespace
+
+// A connection to the manager that the threads other than the kept
+// connection's use together (see the class comment in the header). Each
+// thread sends its own calls; whichever of the waiting threads finds nobody
+// reading reads for all of them, and the others wait to be told. Every use
+// of the sd-bus objects, building and reading messages included, happens
+// under the one lock.
+class SharedManagerConnection {
   public:
-    static Result<ManagerBus> connect(const std::string& address) {
-        SdBusPtr bus;
-        if (const int r = openManagerBus(address, bus); r < 0) {
+    using Build = std::function<int(sd_bus_message*)>;
+    using Parse = std::function<void(sd_bus_message*)>;
+
+    static Result<std::shared_ptr<SharedManagerConnection>> open(const std::string& address) {
+        auto connection = std::make_shared<SharedManagerConnection>();
+        if (const int r = openManagerBus(address, connection->bus_); r < 0) {
             return unreachable(address, r);
         }
-        sd_bus* raw = bus.get();
-        return ManagerBus(raw, std::move(bus));
+        connection->wake_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        if (!connection->wake_) {
+            return Error::posix(errno, "Unable to make an event descriptor");
+        }
+        // Every job's end is recorded from the start, so that none can slip
+        // by between a call that makes a job and the wait for it; the manager
+        // sends JobRemoved to its private connections without a Subscribe.
+        sd_bus_slot* raw = nullptr;
+        if (const int r = sd_bus_match_signal(connection->bus_.get(), &raw, nullptr, kManagerPath,
+                                              kManagerInterface, "JobRemoved", &recordJobRemoved,
+                                              &connection->finished_);
+            r < 0) {
+            return Error::posix(-r, "Unable to watch the service manager's jobs");
+        }
+        connection->match_.reset(raw);
+        return connection;
     }
+
+    // Whether it can still be handed to an operation.
+    bool usable() {
+        std::lock_guard lock(mutex_);
+        return failure_ == 0 && sd_bus_is_open(bus_.get()) > 0;
+    }
+
+    // As sd_bus_call: >= 0 once `parse` has read the answer; else the negative
+    // errno, with `error` set when the manager answered with one.
+    int call(const char* path, const char* interface, const char* member, sd_bus_error* error,
+             const Build& build, const Parse& parse) {
+        std::unique_lock lock(mutex_);
+        if (failure_ < 0) {
+            return failure_;
+        }
+        Pending pending{parse, error, bus_.get()};
+        sd_bus_message* rawCall = nullptr;
+        int r = sd_bus_message_new_method_call(bus_.get(), &rawCall, kDestination, path, interface,
+                                               member);
+        SdBusMessagePtr message(rawCall);
+        if (r >= 0 && build) {
+            r = build(rawCall);
+        }
+        sd_bus_slot* rawSlot = nullptr;
+        if (r >= 0) {
+            r = sd_bus_call_async(bus_.get(), &rawSlot, rawCall, &onReply, &pending, 0);
+        }
+        SdBusSlotPtr slot(rawSlot);
+        message.reset();
+        if (r < 0) {
+            return r;
+        }
+        wakeReader();
+        r = waitUntil(lock, [&] { return pending.done; });
+        slot.reset();
+        return pending.done ? pending.r : r;
+    }
+
+    // Waits until every job in `jobs` has ended; their results by job path.
+    Result<JobResults> waitForJobs(const std::vector<std::string>& jobs) {
+        std::unique_lock lock(mutex_);
+        const int r = waitUntil(lock, [&] {
+            return std::all_of(jobs.begin(), jobs.end(),
+                               [&](const std::string& job) { return finished_.count(job) != 0; });
+        });
+        if (r < 0) {
+            return Error::posix(-r, "Lost the service manager while waiting for its jobs");
+        }
+        JobResults results;
+        for (const auto& job : jobs) {
+            results.insert(finished_.extract(job));
+        }
+        return results;
+    }
+
+  private:
+    struct Pending {
+        const Parse& parse;
+        sd_bus_error* error;
+        sd_bus* bus;
+        bool done = false;
+        int r = 0;
+    };
+
+    static int onReply(sd_bus_message* m, void* userdata, sd_bus_error* /*error*/) {
+        auto* pending = static_cast<Pending*>(userdata);
+        if (const sd_bus_error* e = sd_bus_message_get_error(m); e != nullptr) {
+            if (sd_bus_is_open(pending->bus) <= 0) {
+                // The answer sd-bus makes up for a call the closed connection
+                // took with it: told as sd_bus_call tells a lost connection.
+                pending->r = -ECONNRESET;
+            } else {
+                pending->r = sd_bus_error_copy(pending->error, e);
+                if (pending->r >= 0) {
+                    pending->r = -EIO;
+                }
+            }
+        } else {
+            pending->parse(m);
+            pending->r = 1;
+        }
+        pending->done = true;
+        return 0;
+    }
+
+    // A reader waiting in poll learns of what was just sent: a new call may
+    // have left bytes to write or brought a nearer time limit.
+    void wakeReader() {
+        if (reading_) {
+            const std::uint64_t one = 1;
+            (void)!::write(wake_.get(), &one, sizeof one);
+        }
+    }
+
+    // Until `done` holds: reads for every waiting thread when no other does,
+    // else waits to be told that something was read. 0, or the negative errno
+    // that ended the connection.
+    template <class Done>
+    int waitUntil(std::unique_lock<std::mutex>& lock, Done done) {
+        while (!done()) {
+            if (failure_ < 0) {
+                return failure_;
+            }
+            if (reading_) {
+                changed_.wait(lock);
+                continue;
+            }
+            reading_ = true;
+            while (!done() && failure_ == 0) {
+                int r = 0;
+                bool processed = false;
+                while ((r = sd_bus_process(bus_.get(), nullptr)) > 0) {
+                    processed = true;
+                }
+                if (processed) {
+                    changed_.notify_all();
+                }
+                if (r >= 0 && !done()) {
+                    r = poll(lock);
+                }
+                if (r < 0) {
+                    failure_ = r;
+                }
+            }
+            // Another waiting thread takes over the reading.
+            reading_ = false;
+            changed_.notify_all();
+        }
+        return 0;
+    }
+
+    // Waits, without the lock, until the connection has something to do or a
+    // sender woke it.
+    int poll(std::unique_lock<std::mutex>& lock) {
+        const int fd = sd_bus_get_fd(bus_.get());
+        const int events = sd_bus_get_events(bus_.get());
+        std::uint64_t until = UINT64_MAX;
+        int r = sd_bus_get_timeout(bus_.get(), &until);
+        if (fd < 0 || events < 0 || r < 0) {
+            return fd < 0 ? fd : events < 0 ? events : r;
+        }
+        timespec wait{};
+        timespec* timeout = nullptr;
+        if (until != UINT64_MAX) {
+            timespec now{};
+            ::clock_gettime(CLOCK_MONOTONIC, &now);
+            const std::uint64_t nowUsec = static_cast<std::uint64_t>(now.tv_sec) * 1000000U +
+                                          static_cast<std::uint64_t>(now.tv_nsec) / 1000U;
+            const std::uint64_t left = until > nowUsec ? until - nowUsec : 0;
+            wait.tv_sec = static_cast<time_t>(left / 1000000U);
+            wait.tv_nsec = static_cast<long>((left % 1000000U) * 1000U);
+            timeout = &wait;
+        }
+        pollfd fds[2] = {{fd, static_cast<short>(events), 0}, {wake_.get(), POLLIN, 0}};
+        lock.unlock();
+        r = ::ppoll(fds, 2, timeout, nullptr);
+        const int err = errno;
+        lock.lock();
+        if (r < 0) {
+            return err == EINTR ? 0 : -err;
+        }
+        if ((fds[1].revents & POLLIN) != 0) {
+            std::uint64_t count = 0;
+            (void)!::read(wake_.get(), &count, sizeof count);
+        }
+        return 0;
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    SdBusPtr bus_;
+    UniqueFd wake_;
+    JobResults finished_;
+    bool reading_ = false;
+    int failure_ = 0;     // the negative errno that ended the connection
+    SdBusSlotPtr match_;  // declared last: released first
+};
+
+namespace {
+
+// A connection to the manager as one operation on one thread uses it: the
+// manager's kept one, borrowed, or the one the other threads share.
+class ManagerBus {
+  public:
     static ManagerBus borrow(sd_bus* kept) { return ManagerBus(kept, nullptr); }
+    static ManagerBus share(std::shared_ptr<SharedManagerConnection> shared) {
+        return ManagerBus(nullptr, std::move(shared));
+    }
 
     // The unit's object, loading it from its file if the manager does not
     // have it yet.
     Result<std::string> loadUnit(const std::string& unit) {
         SdBusError error;
-        sd_bus_message* raw = nullptr;
-        const int r = sd_bus_call_method(bus_, kDestination, kManagerPath, kManagerInterface,
-                                         "LoadUnit", error.get(), &raw, "s", unit.c_str());
-        SdBusMessagePtr reply(raw);
+        std::string path;
+        int q = 0;
+        const int r = call(
+            kManagerPath, kManagerInterface, "LoadUnit", error,
+            [&](sd_bus_message* m) { return sd_bus_message_append(m, "s", unit.c_str()); },
+            [&](sd_bus_message* reply) { q = readString(reply, "o", path); });
         if (r < 0) {
             return busFailure("Unable to load " + unit, r, error);
         }
-        const char* path = nullptr;
-        if (const int q = sd_bus_message_read(raw, "o", &path); q < 0) {
+        if (q < 0) {
             return Error::posix(-q, "Unexpected reply loading " + unit);
         }
-        return std::string(path);
+        return path;
     }
 
     // The manager's view of each of `units`, which it loads from their files
     // first if it does not have them: one call for all of them, where LoadUnit
     // and two properties take three for each.
     Result<std::vector<UnitState>> unitStates(const std::vector<std::string>& units) {
-        const std::string what = units.size() == 1 ? units.front() : "units";
-        sd_bus_message* rawCall = nullptr;
-        int r = sd_bus_message_new_method_call(bus_, &rawCall, kDestination, kManagerPath,
-                                               kManagerInterface, "ListUnitsByNames");
-        SdBusMessagePtr call(rawCall);
-        std::vector<const char*> names;
-        names.reserve(units.size() + 1);
-        for (const auto& unit : units) {
-            names.push_back(unit.c_str());
+        auto listed = listUnits("ListUnitsByNames", units);
+        if (!listed) {
+            return listed.error();
         }
-        names.push_back(nullptr);
-        if (r >= 0) {
-            r = sd_bus_message_append_strv(rawCall, const_cast<char**>(names.data()));
-        }
-        SdBusError error;
-        sd_bus_message* raw = nullptr;
-        if (r >= 0) {
-            r = sd_bus_call(bus_, rawCall, 0, error.get(), &raw);
-        }
-        SdBusMessagePtr reply(raw);
-        if (r < 0) {
-            return busFailure("Unable to load " + what, r, error);
-        }
-        if (sd_bus_message_enter_container(raw, 'a', "(ssssssouso)") <= 0) {
-            return Error::posix(EBADMSG, "Unexpected reply loading " + what);
+        if (listed.value().size() != units.size()) {
+            return Error::posix(EBADMSG, "Unexpected reply to load " + describe(units));
         }
         std::vector<UnitState> states;
         states.reserve(units.size());
+        for (auto& [name, state] : listed.value()) {
+            states.push_back(std::move(state));
+        }
+        return states;
+    }
+
+    // The manager's view of each of `units` as it has them in memory, loading
+    // none: one it does not have comes back as neither loaded nor running,
+    // with no object path. Asked by name, a unit the manager does not have
+    // makes it look for the unit's file in every unit directory, and, once
+    // one of them has changed since it last looked (as every removal changes
+    // ours), read them all again first; a stop of many jobs at once would
+    // keep the manager busy with that while the stops wait to be queued.
+    Result<std::vector<UnitState>> unitStatesInMemory(const std::vector<std::string>& units) {
+        // Exact names as patterns; the answer is matched by name below, so a
+        // wildcard that stands for a character patterns give a meaning to can
+        // only widen it.
+        std::vector<std::string> patterns;
+        patterns.reserve(units.size());
+        for (std::string unit : units) {
+            std::replace_if(
+                unit.begin(), unit.end(),
+                [](char c) { return c == '*' || c == '?' || c == '[' || c == '\\'; }, '?');
+            patterns.push_back(std::move(unit));
+        }
+        auto listed = listUnits("ListUnitsByPatterns", patterns, true);
+        if (!listed) {
+            return listed.error();
+        }
+        std::vector<UnitState> states(units.size(), UnitState{{}, {}, "inactive"});
         for (std::size_t i = 0; i < units.size(); ++i) {
-            const char* strings[6] = {};
-            const char* path = nullptr;
-            std::uint32_t jobId = 0;
-            const char* jobType = nullptr;
-            const char* jobPath = nullptr;
-            if (sd_bus_message_read(raw, "(ssssssouso)", &strings[0], &strings[1], &strings[2],
-                                    &strings[3], &strings[4], &strings[5], &path, &jobId, &jobType,
-                                    &jobPath) <= 0) {
-                return Error::posix(EBADMSG, "Unexpected reply loading " + what);
+            for (auto& [name, state] : listed.value()) {
+                if (name == units[i]) {
+                    states[i] = std::move(state);
+                    break;
+                }
             }
-            states.push_back(UnitState{path, strings[2], strings[3]});
         }
         return states;
     }
@@ -186,27 +423,36 @@ class ManagerBus {
     Result<std::string> stringProperty(const std::string& path, const char* interface,
                                        const char* name) {
         SdBusError error;
-        MallocString value;
-        char* raw = nullptr;
-        const int r = sd_bus_get_property_string(bus_, kDestination, path.c_str(), interface, name,
-                                                 error.get(), &raw);
-        value.reset(raw);
+        std::string value;
+        int q = 0;
+        const int r = getProperty(path, interface, name, "s", error,
+                                  [&](sd_bus_message* m) { q = readString(m, "s", value); });
         if (r < 0) {
             return busFailure(std::string("Unable to read ") + name + " of " + path, r, error);
         }
-        return std::string(raw);
+        if (q < 0) {
+            return Error::posix(-q, std::string("Unexpected value of ") + name + " of " + path);
+        }
+        return value;
     }
 
     Result<std::vector<std::string>> stringsProperty(const std::string& path, const char* interface,
                                                      const char* name) {
         SdBusError error;
-        MallocStringVector value;
-        const int r = sd_bus_get_property_strv(bus_, kDestination, path.c_str(), interface, name,
-                                               error.get(), value.out());
+        std::vector<std::string> value;
+        int q = 0;
+        const int r = getProperty(path, interface, name, "as", error, [&](sd_bus_message* m) {
+            MallocStringVector strv;
+            q = sd_bus_message_read_strv(m, strv.out());
+            value = strv.strings();
+        });
         if (r < 0) {
             return busFailure(std::string("Unable to read ") + name + " of " + path, r, error);
         }
-        return value.strings();
+        if (q < 0) {
+            return Error::posix(-q, std::string("Unexpected value of ") + name + " of " + path);
+        }
+        return value;
     }
 
     template <class T>
@@ -214,10 +460,17 @@ class ManagerBus {
                               char type) {
         SdBusError error;
         T value{};
-        const int r = sd_bus_get_property_trivial(bus_, kDestination, path.c_str(), interface, name,
-                                                  error.get(), type, &value);
+        int q = 0;
+        const char contents[2] = {type, '\0'};
+        const int r = getProperty(path, interface, name, contents, error, [&](sd_bus_message* m) {
+            q = sd_bus_message_read_basic(m, type, &value);
+        });
         if (r < 0) {
             return busFailure(std::string("Unable to read ") + name + " of " + path, r, error);
+        }
+        if (q <= 0) {
+            return Error::posix(q < 0 ? -q : EBADMSG,
+                                std::string("Unexpected value of ") + name + " of " + path);
         }
         return value;
     }
@@ -225,44 +478,51 @@ class ManagerBus {
     // The manager's reason for a unit that did not load, as "(ss)".
     std::string loadError(const std::string& path) {
         SdBusError error;
-        sd_bus_message* raw = nullptr;
-        const int r = sd_bus_get_property(bus_, kDestination, path.c_str(), kUnitInterface,
-                                          "LoadError", error.get(), &raw, "(ss)");
-        SdBusMessagePtr reply(raw);
-        const char* name = nullptr;
-        const char* message = nullptr;
-        if (r < 0 || sd_bus_message_read(raw, "(ss)", &name, &message) < 0) {
+        std::string name;
+        std::string message;
+        int q = -EBADMSG;
+        const int r =
+            getProperty(path, kUnitInterface, "LoadError", "(ss)", error, [&](sd_bus_message* m) {
+                const char* n = nullptr;
+                const char* text = nullptr;
+                q = sd_bus_message_read(m, "(ss)", &n, &text);
+                name = n != nullptr ? n : "";
+                message = text != nullptr ? text : "";
+            });
+        if (r < 0 || q < 0) {
             return "no reason given";
         }
-        return message != nullptr && *message != '\0' ? message : (name != nullptr ? name : "");
+        return !message.empty() ? message : name;
     }
 
     // Queues a start or stop job and returns its object path.
     Result<std::string> enqueue(const char* method, const std::string& unit) {
         SdBusError error;
-        sd_bus_message* raw = nullptr;
-        const int r = sd_bus_call_method(bus_, kDestination, kManagerPath, kManagerInterface,
-                                         method, error.get(), &raw, "ss", unit.c_str(), "replace");
-        SdBusMessagePtr reply(raw);
+        std::string job;
+        int q = 0;
+        const int r = call(
+            kManagerPath, kManagerInterface, method, error,
+            [&](sd_bus_message* m) {
+                return sd_bus_message_append(m, "ss", unit.c_str(), "replace");
+            },
+            [&](sd_bus_message* reply) { q = readString(reply, "o", job); });
         if (r < 0) {
             return busFailure(std::string(method) + " " + unit, r, error);
         }
-        const char* job = nullptr;
-        if (const int q = sd_bus_message_read(raw, "o", &job); q < 0) {
+        if (q < 0) {
             return Error::posix(-q, std::string("Unexpected reply to ") + method + " " + unit);
         }
-        return std::string(job);
+        return job;
     }
 
     Status managerCall(const char* method, const std::string& unit = {}) {
         SdBusError error;
-        sd_bus_message* raw = nullptr;
-        const int r = unit.empty()
-                          ? sd_bus_call_method(bus_, kDestination, kManagerPath, kManagerInterface,
-                                               method, error.get(), &raw, "")
-                          : sd_bus_call_method(bus_, kDestination, kManagerPath, kManagerInterface,
-                                               method, error.get(), &raw, "s", unit.c_str());
-        SdBusMessagePtr reply(raw);
+        const int r = call(
+            kManagerPath, kManagerInterface, method, error,
+            [&](sd_bus_message* m) {
+                return unit.empty() ? 0 : sd_bus_message_append(m, "s", unit.c_str());
+            },
+            [](sd_bus_message* /*reply*/) {});
         if (r < 0) {
             return busFailure(unit.empty() ? std::string(method) : method + (" " + unit), r, error);
         }
@@ -271,11 +531,15 @@ class ManagerBus {
 
     // From here on every finished job is recorded. Installed before the call
     // that makes a job, so that its end cannot slip by; the manager sends
-    // JobRemoved to its private connections without a Subscribe.
+    // JobRemoved to its private connections without a Subscribe. The shared
+    // connection records them from its start.
     Status watchJobs() {
+        if (shared_) {
+            return {};
+        }
         sd_bus_slot* raw = nullptr;
         const int r = sd_bus_match_signal(bus_, &raw, nullptr, kManagerPath, kManagerInterface,
-                                          "JobRemoved", &ManagerBus::jobRemoved, finished_.get());
+                                          "JobRemoved", &recordJobRemoved, finished_.get());
         if (r < 0) {
             return Error::posix(-r, "Unable to watch the service manager's jobs");
         }
@@ -286,6 +550,9 @@ class ManagerBus {
     // Waits until every job in `jobs` has ended; their results ("done",
     // "failed", ...) by job path.
     Result<std::map<std::string, std::string>> waitForJobs(const std::vector<std::string>& jobs) {
+        if (shared_) {
+            return shared_->waitForJobs(jobs);
+        }
         for (;;) {
             std::map<std::string, std::string> results;
             for (const auto& job : jobs) {
@@ -310,35 +577,144 @@ class ManagerBus {
     }
 
   private:
-    using Finished = std::map<std::string, std::string>;
+    ManagerBus(sd_bus* bus, std::shared_ptr<SharedManagerConnection> shared)
+        : bus_(bus), shared_(std::move(shared)), finished_(new JobResults) {}
 
-    ManagerBus(sd_bus* bus, SdBusPtr owned)
-        : bus_(bus), owned_(std::move(owned)), finished_(new Finished) {}
-
-    static int jobRemoved(sd_bus_message* m, void* userdata, sd_bus_error* /*error*/) {
-        uint32_t id = 0;
-        const char* job = nullptr;
-        const char* unit = nullptr;
-        const char* result = nullptr;
-        if (sd_bus_message_read(m, "uoss", &id, &job, &unit, &result) >= 0) {
-            static_cast<Finished*>(userdata)->insert_or_assign(job, result);
-        }
-        return 0;
+    static std::string describe(const std::vector<std::string>& units) {
+        return units.size() == 1 ? units.front() : "units";
     }
 
-    sd_bus* bus_;
-    SdBusPtr owned_;                      // null when borrowed
-    std::unique_ptr<Finished> finished_;  // stays put when the connection is moved
-    SdBusSlotPtr match_;                  // declared last: released first
+    // One method call of the manager's, as sd_bus_call reports it: `build`
+    // adds the arguments, `parse` reads the answer (only when there is one).
+    int call(const char* path, const char* interface, const char* member, SdBusError& error,
+             const SharedManagerConnection::Build& build,
+             const SharedManagerConnection::Parse& parse) {
+        if (shared_) {
+            return shared_->call(path, interface, member, error.get(), build, parse);
+        }
+        sd_bus_message* rawCall = nullptr;
+        int r =
+            sd_bus_message_new_method_call(bus_, &rawCall, kDestination, path, interface, member);
+        SdBusMessagePtr message(rawCall);
+        if (r >= 0) {
+            r = build(rawCall);
+        }
+        sd_bus_message* rawReply = nullptr;
+        if (r >= 0) {
+            r = sd_bus_call(bus_, rawCall, 0, error.get(), &rawReply);
+        }
+        SdBusMessagePtr reply(rawReply);
+        if (r >= 0) {
+            parse(rawReply);
+        }
+        return r;
+    }
+
+    // Properties.Get of one property, whose value `read` reads once it is
+    // entered as a variant holding `contents`.
+    int getProperty(const std::string& path, const char* interface, const char* name,
+                    const char* contents, SdBusError& error,
+                    const std::function<void(sd_bus_message*)>& read) {
+        return call(
+            path.c_str(), "org.freedesktop.DBus.Properties", "Get", error,
+            [&](sd_bus_message* m) { return sd_bus_message_append(m, "ss", interface, name); },
+            [&](sd_bus_message* reply) {
+                if (sd_bus_message_enter_container(reply, 'v', contents) > 0) {
+                    read(reply);
+                } else {
+                    read(nullptr);
+                }
+            });
+    }
+
+    // Reads one string of type `type` ("s", "o") into `out`.
+    static int readString(sd_bus_message* m, const char* type, std::string& out) {
+        if (m == nullptr) {
+            return -EBADMSG;
+        }
+        const char* value = nullptr;
+        const int r = sd_bus_message_read(m, type, &value);
+        if (r > 0 && value != nullptr) {
+            out = value;
+        }
+        return r > 0 ? 0 : r < 0 ? r : -EBADMSG;
+    }
+
+    // The units a ListUnits method answers for `names`, each with its name,
+    // in the order of the answer. `statesFirst`: the method takes a list of
+    // active states (left empty: any) before the names.
+    Result<std::vector<std::pair<std::string, UnitState>>> listUnits(
+        const char* method, const std::vector<std::string>& names, bool statesFirst = false) {
+        const std::string what = (statesFirst ? "look up " : "load ") + describe(names);
+        std::vector<const char*> strv;
+        strv.reserve(names.size() + 1);
+        for (const auto& name : names) {
+            strv.push_back(name.c_str());
+        }
+        strv.push_back(nullptr);
+        SdBusError error;
+        std::vector<std::pair<std::string, UnitState>> units;
+        int q = 0;
+        const int r = call(
+            kManagerPath, kManagerInterface, method, error,
+            [&](sd_bus_message* m) {
+                const char* anyState[] = {nullptr};
+                const int a =
+                    statesFirst ? sd_bus_message_append_strv(m, const_cast<char**>(anyState)) : 0;
+                return a < 0 ? a : sd_bus_message_append_strv(m, const_cast<char**>(strv.data()));
+            },
+            [&](sd_bus_message* reply) {
+                if (sd_bus_message_enter_container(reply, 'a', "(ssssssouso)") <= 0) {
+                    q = -EBADMSG;
+                    return;
+                }
+                for (;;) {
+                    const char* strings[6] = {};
+                    const char* path = nullptr;
+                    std::uint32_t jobId = 0;
+                    const char* jobType = nullptr;
+                    const char* jobPath = nullptr;
+                    const int e = sd_bus_message_read(
+                        reply, "(ssssssouso)", &strings[0], &strings[1], &strings[2], &strings[3],
+                        &strings[4], &strings[5], &path, &jobId, &jobType, &jobPath);
+                    if (e <= 0) {
+                        q = e < 0 ? -EBADMSG : 0;
+                        return;
+                    }
+                    units.emplace_back(strings[0], UnitState{path, strings[2], strings[3]});
+                }
+            });
+        if (r < 0) {
+            return busFailure("Unable to " + what, r, error);
+        }
+        if (q < 0) {
+            return Error::posix(EBADMSG, "Unexpected reply to " + what);
+        }
+        return units;
+    }
+
+    sd_bus* bus_;                                      // the kept connection, when borrowed
+    std::shared_ptr<SharedManagerConnection> shared_;  // else the shared one
+    std::unique_ptr<JobResults> finished_;             // stays put when the connection is moved
+    SdBusSlotPtr match_;                               // declared last: released first
 };
 
-// The kept connection when there is one, else a connection of its own.
-Result<ManagerBus> managerBus(const Result<sd_bus*>& kept, const std::string& address) {
+// The kept connection on the thread that made the manager, else the one
+// the other threads share.
+Result<ManagerBus> managerBus(
+    const Result<sd_bus*>& kept,
+    const std::function<Result<std::shared_ptr<SharedManagerConnection>>()>& shared) {
     if (!kept) {
         return kept.error();
     }
-    return kept.value() != nullptr ? ManagerBus::borrow(kept.value())
-                                   : ManagerBus::connect(address);
+    if (kept.value() != nullptr) {
+        return ManagerBus::borrow(kept.value());
+    }
+    auto connection = shared();
+    if (!connection) {
+        return connection.error();
+    }
+    return ManagerBus::share(std::move(connection.value()));
 }
 
 Result<UnitState> unitState(ManagerBus& bus, const std::string& unit) {
@@ -480,6 +856,30 @@ bool inGeneratorDirectory(const SystemdServiceManagerOptions& options, const std
     return !directory.empty() && sameDirectory(directory, options.generatorDirectory);
 }
 
+// The manager's view of `units` without making it look for files of those
+// it does not have (see unitStatesInMemory), except that each unit for which
+// `byName` holds and that the manager does not have loaded is asked by name,
+// which loads it from its file if there is one.
+template <class ByName>
+Result<std::vector<UnitState>> statesLoadingOnly(ManagerBus& bus,
+                                                 const std::vector<std::string>& units,
+                                                 ByName byName) {
+    auto states = bus.unitStatesInMemory(units);
+    if (!states) {
+        return states;
+    }
+    for (std::size_t i = 0; i < units.size(); ++i) {
+        if (states.value()[i].loadState != "loaded" && byName(units[i])) {
+            auto state = bus.unitState(units[i]);
+            if (!state) {
+                return state.error();
+            }
+            states.value()[i] = std::move(state.value());
+        }
+    }
+    return states;
+}
+
 enum class Origin {
     None,     // neither loaded nor running, or from a file of ours that did not load
     Own,      // loaded or running from a file of ours, even one that is gone
@@ -527,8 +927,12 @@ Status ensureUnloaded(ManagerBus& bus, const SystemdServiceManagerOptions& optio
                       const std::vector<std::string>& units) {
     for (int attempt = 0; attempt < 2; ++attempt) {
         bool reload = false;
+        // A unit the manager does not have is not loaded; only the
+        // generator's file, which stays, could bring one back.
         auto states = units.empty() ? Result<std::vector<UnitState>>(std::vector<UnitState>{})
-                                    : bus.unitStates(units);
+                                    : statesLoadingOnly(bus, units, [&](const std::string& unit) {
+                                          return generatedUnit(options, unit);
+                                      });
         if (!states) {
             return states.error();
         }
@@ -655,7 +1059,7 @@ Status SystemdServiceManager::submitJob(const plist::Value& job,
         log_.debug("Job %@: ignoring %@, which has no systemd counterpart", t.label, key);
     }
     LabelGuard guard(*this, t.label);
-    auto connected = managerBus(keptConnection(), address_);
+    auto connected = managerBus(keptConnection(), [this] { return sharedConnection(); });
     if (!connected) {
         return connected.error();
     }
@@ -768,7 +1172,7 @@ Status SystemdServiceManager::removeJob(std::string_view label,
         return s;
     }
     LabelGuard guard(*this, std::string(label));
-    auto connected = managerBus(keptConnection(), address_);
+    auto connected = managerBus(keptConnection(), [this] { return sharedConnection(); });
     if (!connected) {
         return connected.error();
     }
@@ -777,9 +1181,15 @@ Status SystemdServiceManager::removeJob(std::string_view label,
 
     // The job's units: its service and whatever triggers it (its sockets and
     // timer), plus the names those usually have, should the service be gone.
+    // A trigger the manager does not have is neither running nor loaded, and
+    // its file, if any, goes below all the same; the service (and a unit of
+    // the generator's) is looked for by name, as the question whether the
+    // job is loaded does.
     const std::string socket = std::string(label) + ".socket";
     const std::string timer = std::string(label) + ".timer";
-    auto usual = bus.unitStates({service, socket, timer});
+    auto usual = statesLoadingOnly(bus, {service, socket, timer}, [&](const std::string& unit) {
+        return unit == service || generatedUnit(options_, unit);
+    });
     if (!usual) {
         return usual.error();
     }
@@ -920,7 +1330,7 @@ Answer SystemdServiceManager::jobIsEnabled(std::string_view label) {
     // A question is asked again once on a new connection when the kept one
     // turns out to be gone (the manager re-executed since the last one).
     for (int attempt = 0; attempt < 2; ++attempt) {
-        auto connected = managerBus(keptConnection(), address_);
+        auto connected = managerBus(keptConnection(), [this] { return sharedConnection(); });
         if (!connected) {
             return Answer::Unknown;
         }
@@ -936,6 +1346,18 @@ Answer SystemdServiceManager::jobIsEnabled(std::string_view label) {
         }
     }
     return Answer::Unknown;
+}
+
+Result<std::shared_ptr<SharedManagerConnection>> SystemdServiceManager::sharedConnection() {
+    std::lock_guard lock(sharedMutex_);
+    if (auto current = shared_.lock(); current && current->usable()) {
+        return current;
+    }
+    auto opened = SharedManagerConnection::open(address_);
+    if (opened) {
+        shared_ = opened.value();
+    }
+    return opened;
 }
 
 Result<sd_bus*> SystemdServiceManager::keptConnection() {

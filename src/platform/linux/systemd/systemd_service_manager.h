@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -12,6 +13,8 @@
 #include "platform/system_log.h"
 
 namespace tessary::linux_backend {
+
+class SharedManagerConnection;
 
 struct SystemdServiceManagerOptions {
     // The manager's private socket (a path) or any D-Bus address
@@ -46,11 +49,14 @@ struct SystemdServiceManagerOptions {
 // Safe to call from several threads at once. Operations on the thread that
 // made the manager (the main loop's) share one kept connection, made anew
 // when the manager closes it; a connection costs more than the questions a
-// synchronisation asks. Operations on other threads (the stop of all jobs at
-// once) each open their own, so they overlap fully and the whole takes as
-// long as the slowest stop. Operations on one label wait for each other. The
-// manager sends every signal to every private connection, so the main loop
-// reads the kept one and drops what it holds.
+// synchronisation asks. The manager sends every signal to every private
+// connection, so the main loop reads the kept one and drops what it holds.
+// Operations on other threads (the stop of all jobs at once) share one more
+// connection while any of them runs: each sends its own calls and waits for
+// its own answers and jobs, so they overlap fully and the whole takes as
+// long as the slowest stop. A connection for each would have the manager
+// write every signal of twenty stops twenty times while the later stops wait
+// to be queued. Operations on one label wait for each other.
 class SystemdServiceManager final : public ServiceManagerClient {
   public:
     SystemdServiceManager(SystemdServiceManagerOptions options, SystemLog& log);
@@ -80,6 +86,9 @@ class SystemdServiceManager final : public ServiceManagerClient {
     // The kept connection, on the thread that made the manager; null on any
     // other thread.
     Result<sd_bus*> keptConnection();
+    // The connection the other threads share, made when none of them holds
+    // one that still works; it closes when the last of them lets it go.
+    Result<std::shared_ptr<SharedManagerConnection>> sharedConnection();
 
     SystemdServiceManagerOptions options_;
     std::string address_;
@@ -89,6 +98,8 @@ class SystemdServiceManager final : public ServiceManagerClient {
     std::set<std::string, std::less<>> busyLabels_;
     std::thread::id home_ = std::this_thread::get_id();
     SdBusPtr kept_;
+    std::mutex sharedMutex_;
+    std::weak_ptr<SharedManagerConnection> shared_;
 };
 
 }  // namespace tessary::linux_backend
