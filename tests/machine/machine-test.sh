@@ -64,6 +64,7 @@ readonly heartbeat=com.orvane.tessary.heartbeat
 readonly backend=com.orvane.tessaryadmind.backend
 readonly dynamic=com.example.machine.dynamic
 readonly files=/root/tessary-machine  # what the test hands the machine
+readonly notices=/home/tessdesk/notices  # what the console user's notification server got
 
 work=''
 nspawn_pid=''
@@ -371,6 +372,65 @@ step_incompatible_product() {
     service_runs "$heartbeat"
 }
 
+# A user logged in on the machine's seat, with a notification server on the
+# session bus: the console user, to whom the daemon's notices go.
+start_desktop_session() {
+    local uid
+    machine useradd --create-home --shell /bin/bash tessdesk
+    uid=$(machine id -u tessdesk)
+    machine systemd-run --quiet --unit=tessary-desk --property=PAMName=login \
+        --property=User=tessdesk --setenv=XDG_SEAT=seat0 --setenv=XDG_SESSION_TYPE=tty \
+        /bin/sleep infinity
+    wait_for 10 machine test -S "/run/user/$uid/bus" || fail "no session bus for the console user"
+    cp "$TESSARY_NOTIFICATION_STANDIN" "$work/root$files/notification-server"
+    machine install -m 0755 "$files/notification-server" /usr/local/bin/tessary-notification-server
+    machine systemd-run --quiet --unit=tessary-notifications --uid=tessdesk \
+        /usr/local/bin/tessary-notification-server notifications "unix:path=/run/user/$uid/bus" \
+        "$notices"
+    wait_for 10 machine test -e "$notices.ready" || fail "the notification server did not start"
+}
+
+# Waits for a notice with HEADER and MESSAGE, shown with the app's icon.
+notice_shown() {
+    wait_for 20 machine grep -qxF "$1" "$notices" ||
+        fail "no notice \"$1\": $(machine cat "$notices" 2>&1)"
+    machine grep -qxF "$2" "$notices" || fail "the notice says: $(machine cat "$notices")"
+    machine grep -qxF "/Library/Application Support/Orvane/Tessary/AppIcon.icns" "$notices" ||
+        fail "the notice has no icon: $(machine cat "$notices")"
+}
+
+# The app replaced by a new copy in one rename: the console user is told, and
+# the daemon updates itself from the copy. The update asks for the machine
+# to be set up again, which a promotion does.
+step_replacement_notice() {
+    local before
+    before=$(main_pid "$daemon_unit")
+    machine cp -a /Applications/Tessary.app /Applications/Tessary.app.new
+    machine bash -c "echo >>/Applications/Tessary.app.new/Contents/Library/LaunchServices/com.orvane.tessaryd"
+    machine mv /Applications/Tessary.app /Applications/Tessary.app.old
+    machine mv /Applications/Tessary.app.new /Applications/Tessary.app
+    notice_shown "Tessary app replacement detected." "Tessary was replaced in the Applications \
+folder. The services have been stopped, and service data preserved."
+    wait_for 30 runs_another_process "$daemon_unit" "$before" || fail "the daemon did not update itself"
+    machine cmp "$installed_daemon" "$app_daemon" || fail "the installed daemon is not the new copy"
+    machine rm -rf /Applications/Tessary.app.old
+    daemon_answers "/run/systemd/generator/$daemon_unit"
+    tessaryctl promote -- true || fail "the promotion after the replacement failed"
+    setup_status_is configured
+    service_runs "$heartbeat"
+}
+
+# The app removed: the console user is told, and the daemon uninstalls
+# itself before the package goes.
+step_removal_notice() {
+    machine rm -rf /Applications/Tessary.app
+    notice_shown "Tessary app removal detected." "Tessary was removed from the Applications \
+folder. The services have been stopped, and service data preserved. Tessary app must be \
+re-installed before services can be restarted."
+    wait_for 30 eval '! unit_is_active "$daemon_unit"' || fail "the daemon did not uninstall itself"
+    machine systemctl stop tessary-notifications.service tessary-desk.service
+}
+
 step_promotion_and_reboot() {
     tessaryctl promote -- true || fail "the promotion failed"
     setup_status_is configured
@@ -464,6 +524,8 @@ step_services
 step_administrator
 step_promotion_and_reboot
 step_incompatible_product
+start_desktop_session
+step_replacement_notice
 
 wait "$next_build_pid" ||
     fail "the package of version $next_version was not made: $(tail -n 30 "$work/next-build.log")"
@@ -473,6 +535,7 @@ next_deb=$(basename "$work"/next/tessary_"$next_version"_*.deb)
 dpkg --compare-versions "$next_version" gt "$first_version" ||
     fail "$next_version is not later than $first_version"
 step_upgrade
+step_removal_notice
 step_remove_and_purge
 
 echo "machine-test: installed, used, rebooted, upgraded to $next_version, removed and purged" \

@@ -11,5 +11,8 @@ add_test(NAME machine.package_lifecycle
           ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}.${TESSARY_NEXT_PATCH}
           -G ${CMAKE_GENERATOR} -DCMAKE_C_COMPILER=${CMAKE_C_COMPILER}
           -DCMAKE_CXX_COMPILER=${CMAKE_CXX_COMPILER})
+# The notices go to a notification server of the desktop tier's stand-in,
+# on the session bus of a user logged in on the machine's seat.
 set_tests_properties(machine.package_lifecycle PROPERTIES
-  LABELS machine SKIP_RETURN_CODE 77 TIMEOUT 1800 RUN_SERIAL TRUE)
+  LABELS machine SKIP_RETURN_CODE 77 TIMEOUT 1800 RUN_SERIAL TRUE
+  ENVIRONMENT TESSARY_NOTIFICATION_STANDIN=$<TARGET_FILE:tessary_login1_standin>)
