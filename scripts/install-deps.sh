@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 clang-format dbus-daemon polkitd
   clang clang-tidy libclang-rt-14-dev
-  dpkg-dev file psmisc
+  dpkg-dev file psmisc bash-completion
   systemd-container
 )
 

@@ -444,6 +444,9 @@ TEST(DaemonEndToEnd, TessaryctlShowsWhatRunsAndAsksPolkitFirst) {
     EXPECT_NE(list.find("disabled  stopped                   com.example.idle\n"),
               std::string::npos)
         << list;
+    const auto [asJson, json] = tessaryctl({"--json", "list"});
+    EXPECT_NE(json.find("\"states\":{"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"com.example.probe\":\"running\""), std::string::npos) << json;
 
     const std::string prefsBefore = readAll("/Library/Tessary/Setup/com.orvane.tessaryd.plist");
     EXPECT_EQ(asUser(65534, 65534,

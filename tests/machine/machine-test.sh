@@ -322,6 +322,23 @@ PLIST
     ! tessaryctl list | grep -q "$dynamic" || fail "$dynamic is still listed after its destruction"
 }
 
+# What bash offers after WORDS... (the last one being completed), with the
+# completion the package installs.
+completions() {
+    machine bash -c 'source /usr/share/bash-completion/bash_completion
+        source /usr/share/bash-completion/completions/tessaryctl
+        COMP_WORDS=("$@"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
+        COMP_LINE="$*"; COMP_POINT=${#COMP_LINE}
+        _tessaryctl; printf "%s\n" "${COMPREPLY[@]}"' - "$@"
+}
+
+step_completion() {
+    [[ "$(completions tessaryctl ena)" == enable ]] ||
+        fail "tessaryctl ena completes to: $(completions tessaryctl ena)"
+    [[ "$(completions tessaryctl --json disable com.orvane.tessary.he)" == "$heartbeat" ]] ||
+        fail "the labels complete to: $(completions tessaryctl --json disable com.orvane.tessary.he)"
+}
+
 # An administrator who is not root: tessaryctl asks for the password on the
 # terminal through polkit, as systemctl does, and the daemon then finds the
 # authorization polkit kept. A user who is not an administrator is told so.
@@ -521,6 +538,7 @@ first_version=$(dpkg-deb -f "$work/root$files/$first_deb" Version)
 
 step_install
 step_services
+step_completion
 step_administrator
 step_promotion_and_reboot
 step_incompatible_product
