@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -185,6 +186,33 @@ TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
     client.reset();
     testing::runFor(queue, 30ms);
     EXPECT_EQ(events.size(), cases.size() + 1);
+}
+
+// Out of descriptors, the listener waits and tries again rather than report
+// an error (which ends the daemon): the waiting connections are taken once
+// descriptors are free, and one line says it paused.
+TEST_F(MessageServiceTest, OutOfDescriptorsPausesAcceptingAndEndsNothing) {
+    int accepted = 0;
+    listener->setEventHandler([&](const ListenerEvent& e) {
+        ASSERT_EQ(e.kind, ListenerEvent::Kind::NewConnection) << e.description;
+        ++accepted;
+    });
+    std::vector<UniqueFd> clients;
+    for (int i = 0; i < 3; ++i) {
+        clients.push_back(connectTo(path));
+    }
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    // Room for no new descriptor at all.
+    const int highest = ::dup(0);
+    ::close(highest);
+    const rlimit tight{static_cast<rlim_t>(highest), saved.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+    testing::runFor(queue, 300ms);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+    EXPECT_EQ(accepted, 0);
+    EXPECT_TRUE(testing::runUntil(queue, [&] { return accepted == 3; }));
+    EXPECT_EQ(log.countStartingWith("WARNING: Not accepting connections for a moment: "), 1U);
 }
 
 // A client gone before its request is read: the request still arrives, then

@@ -74,6 +74,16 @@ SdEventQueue::SdEventQueue() {
     posted->source.reset(s);
     sd_event_source_set_enabled(s, SD_EVENT_OFF);
     posted_ = std::move(posted);
+    // sd-event makes its timer descriptor for a clock with the first timer
+    // and keeps it: made now, a timer can still be set when the process has
+    // no descriptor left, which is when the request channel sets one to try
+    // accepting again.
+    sd_event_source* warm = nullptr;
+    if (sd_event_add_time_relative(
+            e, &warm, CLOCK_MONOTONIC, 0, 1, [](sd_event_source*, uint64_t, void*) { return 0; },
+            nullptr) >= 0) {
+        (void)sd_event_source_disable_unref(warm);
+    }
 }
 
 SdEventQueue::~SdEventQueue() = default;

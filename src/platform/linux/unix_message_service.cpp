@@ -483,8 +483,9 @@ class UnixListener final : public MessageListener {
         }
         watch_.reset();
         resume_ = queue_.after(kAcceptPause, [this] {
-            resume_.reset();
-            activate();
+            UnixListener* self = this;  // the closure goes with the timer
+            self->resume_.reset();
+            self->activate();
         });
     }
 
