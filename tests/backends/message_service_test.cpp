@@ -192,6 +192,9 @@ TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
 // an error (which ends the daemon): the waiting connections are taken once
 // descriptors are free, and one line says it paused.
 TEST_F(MessageServiceTest, OutOfDescriptorsPausesAcceptingAndEndsNothing) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizers' runtime needs descriptors of its own to report";
+#endif
     int accepted = 0;
     listener->setEventHandler([&](const ListenerEvent& e) {
         ASSERT_EQ(e.kind, ListenerEvent::Kind::NewConnection) << e.description;
