@@ -20,6 +20,7 @@
 #include "base/unique_fd.h"
 #include "client/tessary_client.h"
 #include "platform/linux/polkit_authorization_service.h"
+#include "platform/paths.h"
 #include "plist/codec.h"
 #include "terminal_authorization.h"
 #include "unit_states.h"
@@ -109,6 +110,7 @@ constexpr const char* kUsage =
     "  start-calendar-intervals SERVICE [--job JOB] [--file PLIST]\n"
     "                                    show, or from PLIST set, a job's start times\n"
     "  create --file PLIST               add the service PLIST describes\n"
+    "                                    (--file -: read PLIST from standard input)\n"
     "  destroy SERVICE                   remove a service\n"
     "  promote -- COMMAND [ARG...]       begin a promotion, run COMMAND, and end the\n"
     "                                    promotion when COMMAND succeeds\n"
@@ -261,31 +263,45 @@ Invocation parseArguments(int argc, char** argv) {
     return inv;
 }
 
-// The property list in `path`, in any form, checked for the shape the
-// command's key wants.
+// Reads all of `fd` when it holds at most `limit` bytes; nothing otherwise.
+std::optional<plist::Bytes> readAtMost(int fd, std::size_t limit) {
+    plist::Bytes bytes;
+    std::array<std::uint8_t, 65536> chunk{};
+    for (;;) {
+        const ssize_t n = ::read(fd, chunk.data(), chunk.size());
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 || bytes.size() + static_cast<std::size_t>(n) > limit) {
+            return std::nullopt;
+        }
+        if (n == 0) {
+            return bytes;
+        }
+        bytes.insert(bytes.end(), chunk.begin(), chunk.begin() + n);
+    }
+}
+
+// The property list in `path` ("-": standard input, so that a program
+// driving tessaryctl needs no file of its own), in any form, checked for the
+// shape the command's key wants.
 plist::Value readPropertyListFile(const std::string& path, std::string_view key) {
     constexpr std::size_t kLimit = std::size_t{4} * 1024 * 1024;
-    tessary::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const bool standardInput = path == "-";
+    tessary::UniqueFd fd(standardInput ? ::dup(STDIN_FILENO)
+                                       : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st {};
     if (!fd || ::fstat(fd.get(), &st) != 0) {
         usageError(tessary::Error::posix(errno, path).description);
     }
-    if (!S_ISREG(st.st_mode) || static_cast<std::uint64_t>(st.st_size) > kLimit) {
+    if (!standardInput && !S_ISREG(st.st_mode)) {
         usageError(path + ": not a property-list file");
     }
-    plist::Bytes bytes(static_cast<std::size_t>(st.st_size));
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::read(fd.get(), bytes.data() + done, bytes.size() - done);
-        if (n <= 0) {
-            if (n < 0 && errno == EINTR) {
-                continue;
-            }
-            usageError(path + ": cannot read it whole");
-        }
-        done += static_cast<std::size_t>(n);
+    const std::optional<plist::Bytes> bytes = readAtMost(fd.get(), kLimit);
+    if (!bytes) {
+        usageError(path + ": cannot read it whole, or it is larger than 4 MiB");
     }
-    auto value = plist::decode(std::span<const std::uint8_t>(bytes));
+    auto value = plist::decode(std::span<const std::uint8_t>(*bytes));
     if (!value) {
         usageError(path + ": " + value.error().description);
     }
@@ -508,8 +524,36 @@ void printReadable(const Command& c, const plist::Value& result) {
     }
 }
 
+// The labels of the services created at run time, from the daemon's
+// preferences, which only root may read; nothing when they cannot be read.
+// The daemon's list does not tell them apart, and a front end offers
+// "destroy" for these only.
+std::optional<plist::Value> dynamicLabels() {
+    constexpr std::size_t kLimit = std::size_t{16} * 1024 * 1024;
+    tessary::UniqueFd fd(::open(tessary::Paths().preferencesFile().c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) {
+        return std::nullopt;
+    }
+    const std::optional<plist::Bytes> bytes = readAtMost(fd.get(), kLimit);
+    if (!bytes) {
+        return std::nullopt;
+    }
+    auto preferences = plist::decode(std::span<const std::uint8_t>(*bytes));
+    if (!preferences) {
+        return std::nullopt;
+    }
+    std::vector<std::string> labels;
+    for (const plist::Value& d : plist::arrayOf(preferences.value().find("dynamicServices"))) {
+        if (const plist::Value* label = d.find("Label"); label != nullptr && label->isString()) {
+            labels.push_back(*label->string());
+        }
+    }
+    return plist::Value(plist::stringArray(labels));
+}
+
 // The list with what the service manager says of each service, under
-// "states"; the daemon's protocol stays as it is, the client asks.
+// "states", and the services created at run time, under "dynamicServices"
+// (root only); the daemon's protocol stays as it is, the client asks.
 plist::Value withUnitStates(const plist::Value& list) {
     std::vector<std::string> labels;
     for (const char* key : {"enabledServices", "disabledServices"}) {
@@ -523,6 +567,9 @@ plist::Value withUnitStates(const plist::Value& list) {
     }
     plist::Dictionary out = plist::dictionaryOf(&list);
     out.insert_or_assign("states", plist::Value(std::move(states)));
+    if (auto dynamic = dynamicLabels()) {
+        out.insert_or_assign("dynamicServices", std::move(*dynamic));
+    }
     return plist::Value(std::move(out));
 }
 
