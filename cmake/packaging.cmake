@@ -3,8 +3,12 @@
 #
 # It holds every install rule of the project: the app bundle at
 # /Applications/Tessary.app with the daemon inside, tessaryctl and its man page,
-# the helper commands in /usr/lib/tessary/bin, tessary-install, the generator
-# and the polkit action. postinst runs tessary-install, prerm (on removal)
+# the helper commands in /usr/lib/tessary/bin, tessary-install, the generator,
+# the polkit action and the Tessary page of the Cockpit web console
+# (/usr/share/cockpit/tessary). The page is part of this package rather than
+# one of its own: it drives the daemon through this package's tessaryctl, and
+# one package keeps the two at one version; without Cockpit it is a folder of
+# static files that nothing reads, so Cockpit is only suggested. postinst runs tessary-install, prerm (on removal)
 # tessary-install --uninstall, postrm (on purge) removes the preferences.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tessary)
@@ -13,7 +17,8 @@ set(CPACK_PACKAGE_VENDOR Orvane)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Tessary administration app and its supervisor daemon")
 set(CPACK_PACKAGE_DESCRIPTION
   "The Tessary app bundle with tessaryd, the privileged daemon that runs its background
-services under systemd, and tessaryctl, the daemon's command-line client.")
+services under systemd, tessaryctl, the daemon's command-line client, and the
+Tessary page of the Cockpit web console.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR})
 
@@ -29,6 +34,7 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # clean-up job.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "polkitd, psmisc")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "cockpit-ws (>= 287), cockpit-bridge (>= 287)")
 
 set(TESSARY_INSTALL_COMMAND ${CPACK_PACKAGING_INSTALL_PREFIX}/lib/tessary/tessary-install)
 foreach(script postinst prerm postrm)

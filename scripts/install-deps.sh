@@ -11,6 +11,7 @@ packages=(
   clang clang-tidy libclang-rt-14-dev
   dpkg-dev file psmisc bash-completion
   systemd-container
+  cockpit-ws cockpit-bridge cockpit-system sudo chromium
 )
 
 missing=()
@@ -22,4 +23,13 @@ if ((${#missing[@]})); then
   export DEBIAN_FRONTEND=noninteractive
   apt-get update -qq
   apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# The Cockpit page is bundled with npm packages; Debian's nodejs and npm do,
+# unless the machine has a Node.js with its own npm already.
+if ! command -v npm >/dev/null || ! command -v node >/dev/null; then
+  echo "installing: nodejs npm"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends nodejs npm
 fi
