@@ -15,11 +15,14 @@
 #   2. a sample service enabled runs as its unit; its arguments overridden,
 #      a new process runs with them; a dynamic service created runs, and is
 #      gone once destroyed;
-#   3. a promotion; then a reboot: the generator brings the daemon back, and
+#   3. the Tessary page of the Cockpit web console in Chromium, as a user
+#      without administrative access and as an administrator with it
+#      (browser-test.cjs);
+#   4. a promotion; then a reboot: the generator brings the daemon back, and
 #      the choices (the services, the override) are kept;
-#   4. `apt-get install` of the later package: the daemon restarts on the new
+#   5. `apt-get install` of the later package: the daemon restarts on the new
 #      executable, and the services stay enabled and running;
-#   5. `apt-get remove`: nothing of the project is left but the preferences;
+#   6. `apt-get remove`: nothing of the project is left but the preferences;
 #      `apt-get purge`: they go too.
 # The daemon's journal lines are printed when a step fails.
 #
@@ -365,6 +368,42 @@ step_administrator() {
         fail "no journal lines for $heartbeat: $(tessaryctl logs "$heartbeat")"
 }
 
+# The Tessary page of the Cockpit web console, in Chromium: a user without
+# administrative access, then an administrator who takes it and does with the
+# page what tessaryctl does. The browser runs on this side in the machine's
+# network namespace, where Cockpit listens on the loopback; the screenshots
+# stay in the build directory.
+step_browser() {
+    local shots=$build_dir/machine-screenshots
+    [[ -x /usr/bin/chromium ]] || fail "no Chromium (package chromium) for the browser tests"
+    [[ -d "$build_dir/web/node_modules/puppeteer-core" ]] ||
+        fail "no puppeteer-core in $build_dir/web: configure with TESSARY_BUILD_WEB=ON"
+    machine test -f /usr/share/cockpit/tessary/manifest.json || fail "the package has no Cockpit page"
+    machine systemctl start cockpit.socket
+    machine bash -c 'echo "tessuser:correct horse" | chpasswd'
+    cat >"$work/browser-dynamic.plist" <<PLIST
+<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0">
+<dict>
+	<key>Label</key><string>com.example.browser.dynamic</string>
+	<key>ProgramArguments</key>
+	<array><string>/bin/sleep</string><string>infinity</string></array>
+	<key>KeepAlive</key><true/>
+</dict>
+</plist>
+PLIST
+    rm -rf "$shots"
+    nsenter -t "$machine_pid" -n -- env NODE_PATH="$build_dir/web/node_modules" \
+        node "$source_dir/tests/machine/browser-test.cjs" "$machine_pid" "$shots" \
+        "$work/browser-dynamic.plist" 2>&1 | tee "$work/browser.log" | sed 's/^/machine-test: /'
+    ((PIPESTATUS[0] == 0)) || fail "the browser tests failed (screenshots in $shots)"
+    setup_status_is configured
+    # The arguments as the steps after this one expect them.
+    tessaryctl program-arguments "$heartbeat" -- "$libexec/tessary-heartbeat" /run/tessary-heartbeat 1 \
+        >/dev/null
+    service_runs "$heartbeat"
+}
+
 # An installed product older than the oldest the daemon works with: it loads
 # no service and watches no sleep, and still answers. The machine then wants
 # setting up again: the next start parks the services, and a promotion brings
@@ -540,6 +579,9 @@ step_install
 step_services
 step_completion
 step_administrator
+step_browser
+# TESSARY_MACHINE_UNTIL=browser ends the run here, for work on the page.
+[[ "${TESSARY_MACHINE_UNTIL:-}" != browser ]] || exit 0
 step_promotion_and_reboot
 step_incompatible_product
 start_desktop_session
