@@ -61,7 +61,7 @@
 
 #include "client/tessary_client.h"
 #include "platform/linux/file_bundle_info.h"
-#include "platform/linux/polkit_authorization_service.h"
+#include "platform/linux/polkit/polkit_authorization_service.h"
 #include "platform/linux/posix_file_operations.h"
 #include "platform/linux/sd_handles.h"
 #include "platform/linux/syslog_system_log.h"

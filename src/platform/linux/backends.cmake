@@ -9,7 +9,7 @@ target_link_libraries(tessary_peer_identity PUBLIC tessary_plist)
 # product information and bundle information.
 add_library(tessary_linux_backends STATIC
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/unix_message_service.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/polkit_authorization_service.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/polkit/polkit_authorization_service.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/proc_code_signing_service.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/file_product_info.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/file_bundle_info.cpp)
