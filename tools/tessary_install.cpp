@@ -60,9 +60,9 @@
 #include <thread>
 
 #include "client/tessary_client.h"
-#include "platform/linux/file_bundle_info.h"
+#include "platform/linux/fs/file_bundle_info.h"
+#include "platform/linux/fs/posix_file_operations.h"
 #include "platform/linux/polkit/polkit_authorization_service.h"
-#include "platform/linux/posix_file_operations.h"
 #include "platform/linux/sd_handles.h"
 #include "platform/linux/syslog_system_log.h"
 #include "platform/linux/systemd/sd_bus_values.h"

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "base/unique_fd.h"
-#include "platform/linux/posix_file_operations.h"
+#include "platform/linux/fs/posix_file_operations.h"
 #include "platform/linux/sd_event_queue.h"
 #include "platform/system_log.h"
 #include "support/temp_dir.h"

@@ -1,4 +1,4 @@
-#include "platform/linux/inotify_file_events.h"
+#include "platform/linux/fs/inotify_file_events.h"
 
 #include <dirent.h>
 #include <fcntl.h>

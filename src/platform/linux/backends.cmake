@@ -11,7 +11,7 @@ add_library(tessary_linux_backends STATIC
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/ipc/unix_message_service.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/polkit/polkit_authorization_service.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/ipc/proc_code_signing_service.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/file_product_info.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/file_bundle_info.cpp)
+  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/fs/file_product_info.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/fs/file_bundle_info.cpp)
 target_link_libraries(tessary_linux_backends PUBLIC
   tessary_peer_identity tessary_platform_linux PkgConfig::LIBSYSTEMD)
