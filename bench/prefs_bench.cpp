@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "doubles/recording_system_log.h"
-#include "platform/linux/posix_file_operations.h"
+#include "platform/linux/fs/posix_file_operations.h"
 #include "prefs/preferences.h"
 #include "support/temp_dir.h"
 

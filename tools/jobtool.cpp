@@ -21,8 +21,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/linux/polkit_authorization_service.h"
-#include "platform/linux/syslog_system_log.h"
+#include "platform/linux/log/syslog_system_log.h"
+#include "platform/linux/polkit/polkit_authorization_service.h"
 #include "platform/linux/systemd/systemd_service_manager.h"
 #include "platform/linux/systemd/unit_translation.h"
 #include "platform/paths.h"

@@ -14,8 +14,8 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "platform/linux/peer_identity.h"
-#include "platform/linux/polkit_authorization_service.h"
+#include "platform/linux/ipc/peer_identity.h"
+#include "platform/linux/polkit/polkit_authorization_service.h"
 #include "platform/linux/sd_handles.h"
 
 extern char** environ;

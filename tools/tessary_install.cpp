@@ -60,11 +60,11 @@
 #include <thread>
 
 #include "client/tessary_client.h"
-#include "platform/linux/file_bundle_info.h"
-#include "platform/linux/polkit_authorization_service.h"
-#include "platform/linux/posix_file_operations.h"
+#include "platform/linux/fs/file_bundle_info.h"
+#include "platform/linux/fs/posix_file_operations.h"
+#include "platform/linux/log/syslog_system_log.h"
+#include "platform/linux/polkit/polkit_authorization_service.h"
 #include "platform/linux/sd_handles.h"
-#include "platform/linux/syslog_system_log.h"
 #include "platform/linux/systemd/sd_bus_values.h"
 #include "platform/linux/systemd/systemd_service_manager.h"
 #include "platform/linux/systemd/unit_translation.h"

@@ -19,7 +19,7 @@
 
 #include "base/unique_fd.h"
 #include "client/tessary_client.h"
-#include "platform/linux/polkit_authorization_service.h"
+#include "platform/linux/polkit/polkit_authorization_service.h"
 #include "platform/paths.h"
 #include "plist/codec.h"
 #include "terminal_authorization.h"

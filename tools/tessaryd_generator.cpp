@@ -32,7 +32,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/linux/posix_file_operations.h"
+#include "platform/linux/fs/posix_file_operations.h"
 #include "platform/linux/systemd/unit_translation.h"
 #include "platform/paths.h"
 #include "plist/codec.h"

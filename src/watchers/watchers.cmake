@@ -4,6 +4,6 @@
 add_library(tessary_watchers STATIC
   ${CMAKE_CURRENT_SOURCE_DIR}/watchers/app_watcher.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/watchers/power_watcher.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/inotify_file_events.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/logind_power.cpp)
+  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/fs/inotify_file_events.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/logind/logind_power.cpp)
 target_link_libraries(tessary_watchers PUBLIC tessary_platform_linux PkgConfig::LIBSYSTEMD)

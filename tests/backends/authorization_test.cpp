@@ -2,9 +2,9 @@
 
 #include <cstring>
 
-#include "platform/linux/peer_identity.h"
-#include "platform/linux/polkit_authorization_service.h"
-#include "platform/linux/proc_code_signing_service.h"
+#include "platform/linux/ipc/peer_identity.h"
+#include "platform/linux/ipc/proc_code_signing_service.h"
+#include "platform/linux/polkit/polkit_authorization_service.h"
 #include "support/process.h"
 
 namespace tessary::linux_backend {

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <functional>
 
-#include "platform/linux/sd_event_queue.h"
+#include "platform/linux/event/sd_event_queue.h"
 
 namespace tessary::testing {
 

@@ -3,8 +3,8 @@
 
 #include <cstring>
 
-#include "platform/linux/file_bundle_info.h"
-#include "platform/linux/file_product_info.h"
+#include "platform/linux/fs/file_bundle_info.h"
+#include "platform/linux/fs/file_product_info.h"
 #include "plist/codec.h"
 #include "support/temp_dir.h"
 

@@ -1,4 +1,4 @@
-#include "platform/linux/peer_identity.h"
+#include "platform/linux/ipc/peer_identity.h"
 
 #include <gtest/gtest.h>
 

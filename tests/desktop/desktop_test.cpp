@@ -4,9 +4,9 @@
 
 #include "daemon/supervisor.h"
 #include "doubles/recording_system_log.h"
-#include "platform/linux/desktop_notices.h"
-#include "platform/linux/logind_power.h"
-#include "platform/linux/session_applications.h"
+#include "platform/linux/desktop/desktop_notices.h"
+#include "platform/linux/desktop/session_applications.h"
+#include "platform/linux/logind/logind_power.h"
 #include "support/process.h"
 #include "support/test_platform.h"
 #include "watchers/power_watcher.h"

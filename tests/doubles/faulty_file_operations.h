@@ -4,7 +4,7 @@
 #include <set>
 #include <string>
 
-#include "platform/linux/posix_file_operations.h"
+#include "platform/linux/fs/posix_file_operations.h"
 
 namespace tessary::testing {
 

@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include "base/unique_fd.h"
-#include "platform/linux/posix_file_operations.h"
-#include "platform/linux/sd_event_queue.h"
+#include "platform/linux/event/sd_event_queue.h"
+#include "platform/linux/fs/posix_file_operations.h"
 #include "platform/system_log.h"
 #include "support/temp_dir.h"
 

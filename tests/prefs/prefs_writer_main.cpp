@@ -5,7 +5,7 @@
 #include <string>
 
 #include "doubles/recording_system_log.h"
-#include "platform/linux/posix_file_operations.h"
+#include "platform/linux/fs/posix_file_operations.h"
 #include "prefs/preferences.h"
 
 int main(int argc, char** argv) {

@@ -9,8 +9,8 @@
 
 #include "backends/event_loop.h"
 #include "doubles/recording_system_log.h"
-#include "platform/linux/peer_identity.h"
-#include "platform/linux/unix_message_service.h"
+#include "platform/linux/ipc/peer_identity.h"
+#include "platform/linux/ipc/unix_message_service.h"
 #include "plist/codec.h"
 #include "support/process.h"
 

@@ -10,7 +10,7 @@
 #include "doubles/fake_main_queue.h"
 #include "doubles/fake_watches.h"
 #include "doubles/recording_system_log.h"
-#include "platform/linux/posix_file_operations.h"
+#include "platform/linux/fs/posix_file_operations.h"
 #include "support/temp_dir.h"
 
 namespace tessary {

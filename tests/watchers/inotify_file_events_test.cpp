@@ -1,4 +1,4 @@
-#include "platform/linux/inotify_file_events.h"
+#include "platform/linux/fs/inotify_file_events.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "platform/linux/sd_event_queue.h"
+#include "platform/linux/event/sd_event_queue.h"
 #include "support/temp_dir.h"
 
 namespace tessary::linux_backend {

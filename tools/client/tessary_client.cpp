@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/linux/peer_identity.h"
+#include "platform/linux/ipc/peer_identity.h"
 #include "plist/codec.h"
 
 namespace tessary::client {

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/linux/console_user.h"
+#include "platform/linux/desktop/console_user.h"
 #include "platform/running_applications.h"
 
 namespace tessary::linux_backend {

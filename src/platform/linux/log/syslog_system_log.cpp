@@ -1,4 +1,4 @@
-#include "platform/linux/syslog_system_log.h"
+#include "platform/linux/log/syslog_system_log.h"
 
 #include <syslog.h>
 

@@ -1,4 +1,4 @@
-#include "platform/linux/sd_event_queue.h"
+#include "platform/linux/event/sd_event_queue.h"
 
 #include <time.h>
 

@@ -1,4 +1,4 @@
-#include "platform/linux/polkit_authorization_service.h"
+#include "platform/linux/polkit/polkit_authorization_service.h"
 
 #include <unistd.h>
 

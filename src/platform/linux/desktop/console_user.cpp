@@ -1,4 +1,4 @@
-#include "platform/linux/console_user.h"
+#include "platform/linux/desktop/console_user.h"
 
 #include <cstdlib>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "platform/linux/file_bundle_info.h"
+#include "platform/linux/fs/file_bundle_info.h"
 
 #include <elf.h>
 #include <fcntl.h>

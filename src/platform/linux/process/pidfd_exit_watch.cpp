@@ -1,4 +1,4 @@
-#include "platform/linux/pidfd_exit_watch.h"
+#include "platform/linux/process/pidfd_exit_watch.h"
 
 #include <sys/epoll.h>
 #include <sys/syscall.h>

@@ -1,4 +1,4 @@
-#include "platform/linux/process_control.h"
+#include "platform/linux/process/process_control.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "platform/linux/posix_file_operations.h"
+#include "platform/linux/fs/posix_file_operations.h"
 
 #include <dirent.h>
 #include <fcntl.h>

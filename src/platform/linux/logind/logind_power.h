@@ -8,7 +8,7 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "platform/linux/sd_event_queue.h"
+#include "platform/linux/event/sd_event_queue.h"
 #include "platform/power_assertion_service.h"
 #include "platform/system_power_notifier.h"
 

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <string>
 
-#include "platform/linux/console_user.h"
+#include "platform/linux/desktop/console_user.h"
 #include "platform/user_notice_service.h"
 
 namespace tessary::linux_backend {

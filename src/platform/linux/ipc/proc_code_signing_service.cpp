@@ -1,10 +1,10 @@
-#include "platform/linux/proc_code_signing_service.h"
+#include "platform/linux/ipc/proc_code_signing_service.h"
 
 #include <unistd.h>
 
 #include <cstring>
 
-#include "platform/linux/peer_identity.h"
+#include "platform/linux/ipc/peer_identity.h"
 #include "platform/message_service.h"
 
 namespace tessary::linux_backend {

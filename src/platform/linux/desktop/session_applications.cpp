@@ -1,4 +1,4 @@
-#include "platform/linux/session_applications.h"
+#include "platform/linux/desktop/session_applications.h"
 
 #include <fcntl.h>
 #include <sys/utsname.h>

@@ -1,4 +1,4 @@
-#include "platform/linux/desktop_notices.h"
+#include "platform/linux/desktop/desktop_notices.h"
 
 #include <grp.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "platform/linux/file_product_info.h"
+#include "platform/linux/fs/file_product_info.h"
 
 #include <fcntl.h>
 #include <unistd.h>

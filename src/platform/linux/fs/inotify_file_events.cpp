@@ -1,4 +1,4 @@
-#include "platform/linux/inotify_file_events.h"
+#include "platform/linux/fs/inotify_file_events.h"
 
 #include <sys/epoll.h>
 #include <sys/inotify.h>

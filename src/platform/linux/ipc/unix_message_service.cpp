@@ -1,4 +1,4 @@
-#include "platform/linux/unix_message_service.h"
+#include "platform/linux/ipc/unix_message_service.h"
 
 #include <poll.h>
 #include <sys/epoll.h>
@@ -15,7 +15,7 @@
 #include <unordered_map>
 
 #include "base/unique_fd.h"
-#include "platform/linux/peer_identity.h"
+#include "platform/linux/ipc/peer_identity.h"
 #include "plist/codec.h"
 
 namespace tessary::linux_backend {

@@ -2,7 +2,7 @@
 # session bus, and the applications of the user's sessions, both finding the
 # user through logind on the system bus.
 add_library(tessary_desktop STATIC
-  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/console_user.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/desktop_notices.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/session_applications.cpp)
+  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/desktop/console_user.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/desktop/desktop_notices.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/desktop/session_applications.cpp)
 target_link_libraries(tessary_desktop PUBLIC tessary_platform_linux PkgConfig::LIBSYSTEMD)

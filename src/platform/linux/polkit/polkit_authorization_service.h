@@ -5,7 +5,7 @@
 #include <string>
 
 #include "platform/authorization_service.h"
-#include "platform/linux/peer_identity.h"
+#include "platform/linux/ipc/peer_identity.h"
 #include "platform/linux/sd_handles.h"
 
 namespace tessary::linux_backend {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/linux/logind_power.h"
+#include "platform/linux/logind/logind_power.h"
 #include "platform/linux/sd_handles.h"
 
 namespace tessary::linux_backend {
