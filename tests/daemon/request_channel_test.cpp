@@ -45,6 +45,10 @@ TEST_F(RequestChannelTest, RefusalsAndTheirLines) {
     const std::vector<Dictionary> malformed = {
         {{"commandString", Value::data(plist::Bytes{'l', 'i', 's', 't'})}},
         {{"commandString", Value("list")}, {"argumentsData", Value("not data")}},
+        {{"commandString", Value("list")},
+         {"authorizationExternalFormData", Value::data(plist::Bytes(31))}},
+        {{"commandString", Value("list")},
+         {"authorizationExternalFormData", Value::data(plist::Bytes(33))}},
     };
     for (const auto& fields : malformed) {
         EXPECT_FALSE(request(c, fields)) << Value(fields).description();
@@ -53,6 +57,36 @@ TEST_F(RequestChannelTest, RefusalsAndTheirLines) {
     EXPECT_FALSE(c.cancelled);
     EXPECT_EQ(command("frobnicate").code, 1);  // unknown: fails without a word
     EXPECT_EQ(t.log.lines().size(), malformed.size());
+}
+
+// Every command but "status" needs the administrator's right: without a
+// form, or with one that lacks the right, it is refused before anything
+// happens, whatever it would do.
+TEST_F(RequestChannelTest, EveryCommandButStatusNeedsTheRight) {
+    supervisor.preferences().setServiceEnabled("a", true);
+    const std::string before = testing::readFile(t.paths.preferencesFile());
+    const auto weak = grantedForm({"some.other.right"});
+    auto& c = connect();
+    for (const char* name : {"list", "enable", "disable", "reset", "programArguments", "sockets",
+                             "startCalendarIntervals", "create", "destroy", "beginPromotion",
+                             "endPromotion", "restoreServices", "demote"}) {
+        for (const bool withForm : {false, true}) {
+            Dictionary fields{
+                {"commandString", Value(name)},
+                {"argumentsData", Value::data(bytesOf(Value(Dictionary{
+                                      {"service", Value("a")},
+                                      {"serviceDictionary", testing::definition("new")}})))}};
+            if (withForm) {
+                fields.emplace("authorizationExternalFormData",
+                               Value::data(plist::Bytes(weak.begin(), weak.end())));
+            }
+            EXPECT_EQ(request(c, fields)->at("returnCodeInteger"), Value::integer(1)) << name;
+        }
+    }
+    EXPECT_EQ(command("status", {}, false).code, 0);
+    EXPECT_EQ(testing::readFile(t.paths.preferencesFile()), before);
+    EXPECT_EQ(t.queue.pendingWork(), 0U);
+    EXPECT_EQ(t.exitWatch.watchCount(kClientPid), 0U);
 }
 
 TEST_F(RequestChannelTest, ArgumentsAreDecodedAndCheckedBeforeTheHandler) {
