@@ -1,10 +1,12 @@
 #include "daemon_fixture.h"
+#include "support/handmade_plist.h"
 
 namespace tessary {
 namespace {
 
 using plist::Dictionary;
 using plist::Value;
+using testing::HandMadeList;
 
 class RequestChannelTest : public testing::DaemonFixture {
   protected:
@@ -100,12 +102,24 @@ TEST_F(RequestChannelTest, ArgumentsAreDecodedAndCheckedBeforeTheHandler) {
                              {"argumentsData", Value::data({})}});
     EXPECT_EQ(reply->at("returnCodeInteger"), Value::integer(0));
 
-    reply = request(c, {{"commandString", Value("list")},
-                        {"authorizationExternalFormData", formData},
-                        {"argumentsData", Value::data({'x', 'y'})}});
-    EXPECT_EQ(reply->at("returnCodeInteger"), Value::integer(1));
-    EXPECT_EQ(t.log.lines(),
-              (std::vector<std::string>{"couldn't deserialize arguments dictionary"}));
+    // Arguments that cannot be read: garbage, a list that would build 2^25
+    // values out of under 200 bytes, one nested deeper than any request, and
+    // a string that is not UTF-8.
+    HandMadeList latin1;
+    latin1.add(latin1.dictionary({{1, 2}}));
+    latin1.add(HandMadeList::string("service"));
+    latin1.add(HandMadeList::string("\xC0\xAF"));
+    const std::vector<std::string> unreadable = {"xy", HandMadeList::referenceBomb(24),
+                                                 HandMadeList::deepChain(20000), latin1.bytes()};
+    for (const std::string& arguments : unreadable) {
+        reply = request(c, {{"commandString", Value("list")},
+                            {"authorizationExternalFormData", formData},
+                            {"argumentsData", Value::data({arguments.begin(), arguments.end()})}});
+        EXPECT_EQ(reply->at("returnCodeInteger"), Value::integer(1));
+    }
+    EXPECT_EQ(t.log.countStartingWith("couldn't deserialize arguments dictionary"),
+              unreadable.size());
+    EXPECT_EQ(t.log.lines().size(), unreadable.size());
 
     // Arguments that are not a dictionary end the process.
     EXPECT_THROW(request(c, {{"commandString", Value("list")},
