@@ -154,6 +154,20 @@ TEST_F(SupervisionTest, SyncStopsAndStartsByThePredicates) {
     EXPECT_EQ(t.serviceManager.submitted(), (std::vector<std::string>{"sleeper"}));
 }
 
+// A service's own sleep assertion is one while it is switched on, and stays
+// one through a reload of the services, which makes new objects.
+TEST_F(SupervisionTest, ASleepAssertionStaysOneThroughAReload) {
+    t.addDefinition("awake.plist", definition("awake", {{"PreventsSleep", Value::boolean(true)}}));
+    supervisor.loadServices();
+    supervisor.setServiceEnabled(*supervisor.serviceWithLabel("awake"), true);
+    EXPECT_EQ(t.powerAssertions.held.size(), 1U);
+    TYSupervisor::Arguments none;
+    (void)supervisor.restoreServicesWithArguments(none);
+    EXPECT_EQ(t.powerAssertions.held.size(), 1U);
+    supervisor.setServiceEnabled(*supervisor.serviceWithLabel("awake"), false);
+    EXPECT_TRUE(t.powerAssertions.held.empty());
+}
+
 // The figure each stop reports, by label.
 std::map<std::string, double> stopTimes(const testing::RecordingSystemLog& log) {
     std::map<std::string, double> out;
