@@ -182,7 +182,7 @@ std::map<std::string, double> stopTimes(const testing::RecordingSystemLog& log) 
     return out;
 }
 
-class StopAllTest : public SupervisionTest {
+class StopAllSupervisionTest : public SupervisionTest {
   protected:
     // Loaded and running; the stop of service i takes (i + 1) * `step`.
     void runServices(int count, std::chrono::milliseconds step) {
@@ -203,7 +203,7 @@ class StopAllTest : public SupervisionTest {
 };
 
 // The stops run all at once, and every line is written, however quick.
-TEST_F(StopAllTest, EveryStopRunsAtOnce) {
+TEST_F(StopAllSupervisionTest, EveryStopRunsAtOnce) {
     runServices(10, std::chrono::milliseconds(30));
     const auto start = std::chrono::steady_clock::now();
     supervisor.stopAllServices();
@@ -221,7 +221,7 @@ TEST_F(StopAllTest, EveryStopRunsAtOnce) {
 // A process that may start no thread still stops every service, each on the
 // calling thread: a demotion must not end half-way. One after the other,
 // each figure counts from the common start, so it includes the stops before.
-TEST_F(StopAllTest, WithoutThreadsEveryServiceStopsHere) {
+TEST_F(StopAllSupervisionTest, WithoutThreadsEveryServiceStopsHere) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root to become a user who may start no thread";
     }
