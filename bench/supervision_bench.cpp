@@ -44,7 +44,10 @@ void BM_StopAllTwentyServices(benchmark::State& state) {
     for (auto _ : state) {
         state.PauseTiming();
         auto fleet = std::make_unique<Fleet>(20, true);
-        fleet->t.serviceManager.setRemoveDelay(std::chrono::milliseconds(state.range(0)));
+        for (const ServicePtr& service : *fleet->supervisor.services()) {
+            fleet->t.serviceManager.setRemoveDelay(service->label(),
+                                                   std::chrono::milliseconds(state.range(0)));
+        }
         state.ResumeTiming();
         fleet->supervisor.stopAllServices();
         state.PauseTiming();

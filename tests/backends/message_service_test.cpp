@@ -15,6 +15,7 @@
 #include "platform/linux/ipc/peer_identity.h"
 #include "platform/linux/ipc/unix_message_service.h"
 #include "plist/codec.h"
+#include "support/handmade_plist.h"
 #include "support/temp_dir.h"
 #include "support/value_printer.h"
 
@@ -126,15 +127,26 @@ TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
     const Value unimportable = Value::data(plist::Bytes(32, 0));
     ASSERT_FALSE(linux_backend::decodeExternalForm(*unimportable.data()));
     const Dictionary atLimit = requestOfSize(UnixMessageService::kMaxDatagram);
-    // Garbage and forms naming another pid are the end-to-end tests'; forms
-    // of this process with another uid or start time, and other lengths
-    // (the daemon's to refuse), are not.
+    const std::string bomb = testing::HandMadeList::referenceBomb(24);
+    testing::HandMadeList notUtf8;
+    notUtf8.add(notUtf8.dictionary({{1, 2}}));
+    notUtf8.add(testing::HandMadeList::string("commandString"));
+    notUtf8.add(testing::HandMadeList::string("st\xE9tus"));
+    const std::string odd = notUtf8.bytes();
+    // A list that would build 2^25 values is refused before it is built; a
+    // command that is not UTF-8 arrives as it is (the daemon knows no such
+    // command); forms naming another process, or this one with another uid
+    // or start time, are made unimportable; other lengths are the daemon's
+    // to refuse.
     std::vector<std::pair<plist::Bytes, std::optional<Dictionary>>> cases = {
         {binary(withForm(formValue(me))), withForm(formValue(me))},
         {plist::encode(Value(plist::Array{Value("list")}), plist::Format::Binary).value(),
          std::nullopt},
         {binary(atLimit), atLimit},
         {binary(requestOfSize(UnixMessageService::kMaxDatagram + 1)), Dictionary{}},
+        {plist::Bytes(bomb.begin(), bomb.end()), std::nullopt},
+        {plist::Bytes(odd.begin(), odd.end()), Dictionary{{"commandString", Value("st\xE9tus")}}},
+        {binary(withForm(formValue({1, me.uid, me.startTime}))), withForm(unimportable)},
         {binary(withForm(formValue({me.pid, kNobody, me.startTime}))), withForm(unimportable)},
         {binary(withForm(formValue({me.pid, me.uid, me.startTime + 1}))), withForm(unimportable)},
         {binary(withForm(Value::data({1, 2}))), withForm(Value::data({1, 2}))},

@@ -23,25 +23,36 @@ class AppFateTest : public testing::DaemonFixture {
 };
 
 TEST_F(AppFateTest, UnfinishedPromotionIsCleanedUpAtStart) {
+    prefs.setServiceEnabled("parked", true);
+    prefs.savePreviouslyEnabledServices();
     prefs.setServiceEnabled("a", true);
     prefs.setActivePromotionType("updatable");
-    prefs.savePreviouslyEnabledServices();
     supervisor.checkForActivePromotion();
     EXPECT_EQ(t.log.lines(), (std::vector<std::string>{"WARNING: Incomplete promotion detected."}));
     EXPECT_FALSE(prefs.activePromotionType());
+    EXPECT_FALSE(exists(t.paths.setupDoneMarker()));
+    EXPECT_FALSE(prefs.serviceIsEnabled("a"));
+    EXPECT_TRUE(prefs.serviceIsPreviouslyEnabled("parked"));
     EXPECT_FALSE(t.process.exitStatus);
 
-    // Begun on a machine never set up: the daemon removes itself, its own job
-    // last, after the two seconds the clean-up job is given.
+    // Begun on a machine never set up: the daemon removes itself. The
+    // clean-up job is given two seconds with the executable and its job
+    // definition gone; the support directory and the daemon's own job go
+    // after them.
     prefs.setActivePromotionType("unconfigured");
+    std::vector<bool> atTheSleep;
+    t.process.onSleep = [&] {
+        atTheSleep = {t.serviceManager.isLoaded("com.orvane.tessaryd.UninstallExtras"),
+                      exists(t.paths.installedDaemon()), exists(t.paths.daemonJobDefinition()),
+                      exists(t.paths.supportDirectory()), t.serviceManager.removed().empty()};
+    };
     EXPECT_THROW(supervisor.checkForActivePromotion(), testing::ProcessExited);
+    EXPECT_EQ(atTheSleep, (std::vector<bool>{true, false, false, true, true}));
     EXPECT_EQ(t.process.exitStatus, 0);
-    EXPECT_TRUE(t.serviceManager.isLoaded("com.orvane.tessaryd.UninstallExtras"));
-    EXPECT_FALSE(exists(t.paths.installedDaemon()));
-    EXPECT_FALSE(exists(t.paths.daemonJobDefinition()));
+    EXPECT_FALSE(prefs.serviceIsPreviouslyEnabled("parked"));
     EXPECT_FALSE(exists(t.paths.supportDirectory()));
     EXPECT_EQ(t.process.slept, std::chrono::seconds(2));
-    EXPECT_EQ(t.serviceManager.removed().back(), "com.orvane.tessaryd");
+    EXPECT_EQ(t.serviceManager.removed(), std::vector<std::string>{"com.orvane.tessaryd"});
 }
 
 TEST_F(AppFateTest, UpdateCheckParksServicesAfterAnAppChange) {
@@ -133,6 +144,7 @@ class PromotionTest : public testing::DaemonFixture {
 // the end-to-end tests; here, what only the doubles see.
 TEST_F(PromotionTest, PromotionHoldsThePowerAssertionAndWatchesItsClient) {
     EXPECT_EQ(command("beginPromotion").code, 0);  // senderPID is always added
+    EXPECT_EQ(prefs.activePromotionType(), Value("unconfigured"));
     EXPECT_NE(supervisor.powerAssertion(), 0U);
     EXPECT_TRUE(t.serviceManager.isLoaded("com.orvane.tessaryadmind.backend"));
     EXPECT_EQ(t.exitWatch.watchCount(kClientPid), 1U);
@@ -144,6 +156,7 @@ TEST_F(PromotionTest, PromotionHoldsThePowerAssertionAndWatchesItsClient) {
     EXPECT_EQ(t.backupExclusion.calls[0].path, "/private/var/db/.TessarySetupDone");
 
     EXPECT_EQ(command("beginPromotion").code, 0);
+    EXPECT_EQ(prefs.activePromotionType(), Value("configured"));
     EXPECT_THROW(t.exitWatch.exit(kClientPid), testing::ProcessExited);
     EXPECT_EQ(t.log.lines().back(), "WARNING: Client 4242 exited before promotion ended.");
 }

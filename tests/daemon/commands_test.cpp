@@ -50,6 +50,15 @@ TEST_F(CommandsTest, OverridesOfUnloadedJobsAndDynamicServicesStartNothing) {
     EXPECT_EQ(*cal.data->find("startCalendarIntervals"), Value(Array{}));
     EXPECT_EQ(prefs.startCalendarIntervalsForServiceJob("two", "two").value(), Value(Array{}));
     EXPECT_EQ(command("sockets", {{"service", Value("one")}, {"job", Value("other")}}).code, 1);
+    // The reply names the service and the job, the service's own when none
+    // was given, and carries a value only when there is one.
+    EXPECT_EQ(
+        command("programArguments", {{"service", Value("two")}}).data.value(),
+        Value(Dictionary{{"service", Value("two")},
+                         {"job", Value("two")},
+                         {"programArguments", Value(plist::stringArray({"/bin/sleep", "1000"}))}}));
+    EXPECT_EQ(command("sockets", {{"service", Value("one")}, {"job", Value("one")}}).data.value(),
+              Value(Dictionary{{"service", Value("one")}, {"job", Value("one")}}));
 
     const Value d = definition("dyn", {{"Extra", Value("kept")}});
     auto created = command("create", {{"serviceDictionary", d}});

@@ -1,10 +1,12 @@
 #include "daemon_fixture.h"
+#include "support/handmade_plist.h"
 
 namespace tessary {
 namespace {
 
 using plist::Dictionary;
 using plist::Value;
+using testing::HandMadeList;
 
 class RequestChannelTest : public testing::DaemonFixture {
   protected:
@@ -45,6 +47,10 @@ TEST_F(RequestChannelTest, RefusalsAndTheirLines) {
     const std::vector<Dictionary> malformed = {
         {{"commandString", Value::data(plist::Bytes{'l', 'i', 's', 't'})}},
         {{"commandString", Value("list")}, {"argumentsData", Value("not data")}},
+        {{"commandString", Value("list")},
+         {"authorizationExternalFormData", Value::data(plist::Bytes(31))}},
+        {{"commandString", Value("list")},
+         {"authorizationExternalFormData", Value::data(plist::Bytes(33))}},
     };
     for (const auto& fields : malformed) {
         EXPECT_FALSE(request(c, fields)) << Value(fields).description();
@@ -53,6 +59,36 @@ TEST_F(RequestChannelTest, RefusalsAndTheirLines) {
     EXPECT_FALSE(c.cancelled);
     EXPECT_EQ(command("frobnicate").code, 1);  // unknown: fails without a word
     EXPECT_EQ(t.log.lines().size(), malformed.size());
+}
+
+// Every command but "status" needs the administrator's right: without a
+// form, or with one that lacks the right, it is refused before anything
+// happens, whatever it would do.
+TEST_F(RequestChannelTest, EveryCommandButStatusNeedsTheRight) {
+    supervisor.preferences().setServiceEnabled("a", true);
+    const std::string before = testing::readFile(t.paths.preferencesFile());
+    const auto weak = grantedForm({"some.other.right"});
+    auto& c = connect();
+    for (const char* name : {"list", "enable", "disable", "reset", "programArguments", "sockets",
+                             "startCalendarIntervals", "create", "destroy", "beginPromotion",
+                             "endPromotion", "restoreServices", "demote"}) {
+        for (const bool withForm : {false, true}) {
+            Dictionary fields{
+                {"commandString", Value(name)},
+                {"argumentsData", Value::data(bytesOf(Value(Dictionary{
+                                      {"service", Value("a")},
+                                      {"serviceDictionary", testing::definition("new")}})))}};
+            if (withForm) {
+                fields.emplace("authorizationExternalFormData",
+                               Value::data(plist::Bytes(weak.begin(), weak.end())));
+            }
+            EXPECT_EQ(request(c, fields)->at("returnCodeInteger"), Value::integer(1)) << name;
+        }
+    }
+    EXPECT_EQ(command("status", {}, false).code, 0);
+    EXPECT_EQ(testing::readFile(t.paths.preferencesFile()), before);
+    EXPECT_EQ(t.queue.pendingWork(), 0U);
+    EXPECT_EQ(t.exitWatch.watchCount(kClientPid), 0U);
 }
 
 TEST_F(RequestChannelTest, ArgumentsAreDecodedAndCheckedBeforeTheHandler) {
@@ -66,12 +102,24 @@ TEST_F(RequestChannelTest, ArgumentsAreDecodedAndCheckedBeforeTheHandler) {
                              {"argumentsData", Value::data({})}});
     EXPECT_EQ(reply->at("returnCodeInteger"), Value::integer(0));
 
-    reply = request(c, {{"commandString", Value("list")},
-                        {"authorizationExternalFormData", formData},
-                        {"argumentsData", Value::data({'x', 'y'})}});
-    EXPECT_EQ(reply->at("returnCodeInteger"), Value::integer(1));
-    EXPECT_EQ(t.log.lines(),
-              (std::vector<std::string>{"couldn't deserialize arguments dictionary"}));
+    // Arguments that cannot be read: garbage, a list that would build 2^25
+    // values out of under 200 bytes, one nested deeper than any request, and
+    // a string that is not UTF-8.
+    HandMadeList latin1;
+    latin1.add(latin1.dictionary({{1, 2}}));
+    latin1.add(HandMadeList::string("service"));
+    latin1.add(HandMadeList::string("\xC0\xAF"));
+    const std::vector<std::string> unreadable = {"xy", HandMadeList::referenceBomb(24),
+                                                 HandMadeList::deepChain(20000), latin1.bytes()};
+    for (const std::string& arguments : unreadable) {
+        reply = request(c, {{"commandString", Value("list")},
+                            {"authorizationExternalFormData", formData},
+                            {"argumentsData", Value::data({arguments.begin(), arguments.end()})}});
+        EXPECT_EQ(reply->at("returnCodeInteger"), Value::integer(1));
+    }
+    EXPECT_EQ(t.log.countStartingWith("couldn't deserialize arguments dictionary"),
+              unreadable.size());
+    EXPECT_EQ(t.log.lines().size(), unreadable.size());
 
     // Arguments that are not a dictionary end the process.
     EXPECT_THROW(request(c, {{"commandString", Value("list")},

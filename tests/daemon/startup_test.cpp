@@ -48,11 +48,18 @@ TEST_F(StartupTest, CompatibleMatchingAppLoadsServicesAndOpensTheChannel) {
 
     // The app watcher's handlers: will-change stops everything; replaced and
     // removed tell the user, then update or demote on the next turn.
+    t.log.clear();
     willChange();
     EXPECT_FALSE(t.serviceManager.isLoaded("a"));
     EXPECT_FALSE(std::filesystem::exists(t.paths.setupDoneMarker()));
     wasReplaced();
     wasRemoved();
+    const std::string app = "WARNING: " + t.paths.appBundle();
+    std::vector<std::string> lines = t.log.lines();
+    std::erase_if(lines, [&](const std::string& l) { return !l.starts_with(app); });
+    EXPECT_EQ(lines,
+              (std::vector<std::string>{app + " is being replaced or removed, determining which...",
+                                        app + " was replaced.", app + " was removed."}));
     EXPECT_EQ(noticeHeaders(), (std::vector<std::string>{"Tessary app replacement detected.",
                                                          "Tessary app removal detected."}));
     EXPECT_EQ(t.queue.pendingWork(), 2U);

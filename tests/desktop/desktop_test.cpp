@@ -228,46 +228,6 @@ TEST_F(DesktopBuses, AssertionsAreIdleBlockLocksUntilReleased) {
 
 // A notice is a Notify call on the console user's session bus; each piece
 // missing on the way there has its own code.
-// A service's sleep assertion is one idle lock while it is switched on, and
-// stays one through a reload of the services, which makes new objects.
-TEST_F(DesktopBuses, ServiceLocksFollowTheSwitchesThroughAReload) {
-    startLogin();
-    testing::TestPlatform t;
-    LogindPowerAssertions assertions(address);
-    Platform& f = t.platform;
-    Platform platform{f.paths,
-                      f.log,
-                      f.queue,
-                      f.process,
-                      f.files,
-                      f.serviceManager,
-                      f.authorization,
-                      f.codeSigning,
-                      f.messages,
-                      assertions,
-                      f.powerNotifier,
-                      f.notices,
-                      f.backupExclusion,
-                      f.productInfo,
-                      f.bundleInfo,
-                      f.exitWatch,
-                      f.runningApplications,
-                      f.fileEvents,
-                      f.fileCoordination};
-    t.addDefinition("awake.plist",
-                    testing::definition("awake", {{"PreventsSleep", plist::Value::boolean(true)}}));
-    TYSupervisor supervisor(platform);
-    supervisor.loadServices();
-    const Strings held = {"idle/awake/PreventUserIdleSystemSleep/block"};
-    TYSupervisor::Arguments none;
-    supervisor.setServiceEnabled(*supervisor.serviceWithLabel("awake"), true);
-    EXPECT_EQ(inhibitors(), held);
-    (void)supervisor.restoreServicesWithArguments(none);
-    EXPECT_TRUE(waitFor([&] { return inhibitors() == held; }));
-    supervisor.setServiceEnabled(*supervisor.serviceWithLabel("awake"), false);
-    EXPECT_TRUE(waitFor([&] { return inhibitors().empty(); }));
-}
-
 TEST_F(DesktopBuses, NoticeGoesToTheConsoleUsersNotificationServer) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root to run a session bus as another user";

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 
 #include "platform/process_control.h"
 
@@ -19,10 +20,16 @@ class FakeProcessControl final : public ProcessControl {
         exitStatus = status;
         throw ProcessExited{status};
     }
-    void sleepFor(std::chrono::milliseconds duration) override { slept += duration; }
+    void sleepFor(std::chrono::milliseconds duration) override {
+        slept += duration;
+        if (onSleep) {
+            onSleep();
+        }
+    }
 
     std::optional<int> exitStatus;
     std::chrono::milliseconds slept{0};
+    std::function<void()> onSleep;  // runs at each sleep, to see what stands then
 };
 
 }  // namespace tessary::testing

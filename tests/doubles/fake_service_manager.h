@@ -42,7 +42,9 @@ class FakeServiceManager final : public ServiceManagerClient {
             ++removeCalls_;
             removed_.emplace_back(label);
             lastRemoveWaited_ = wait;
-            delay = removeDelay_;
+            if (auto it = removeDelays_.find(std::string(label)); it != removeDelays_.end()) {
+                delay = it->second;
+            }
             mostRemovesInFlight_ = std::max(mostRemovesInFlight_, ++removesInFlight_);
         }
         std::this_thread::sleep_for(delay);
@@ -77,9 +79,9 @@ class FakeServiceManager final : public ServiceManagerClient {
         std::lock_guard lock(mutex_);
         unanswered_.insert(label);
     }
-    void setRemoveDelay(std::chrono::milliseconds d) {
+    void setRemoveDelay(const std::string& label, std::chrono::milliseconds d) {
         std::lock_guard lock(mutex_);
-        removeDelay_ = d;
+        removeDelays_[label] = d;
     }
 
     bool isLoaded(const std::string& label) const {
@@ -140,7 +142,7 @@ class FakeServiceManager final : public ServiceManagerClient {
     std::map<std::string, plist::Value> loaded_;
     std::map<std::string, std::string> submitFailures_;
     std::set<std::string> unanswered_;
-    std::chrono::milliseconds removeDelay_{0};
+    std::map<std::string, std::chrono::milliseconds> removeDelays_;
     std::vector<std::string> submitted_;
     std::vector<std::string> removed_;
     int submitCalls_ = 0;

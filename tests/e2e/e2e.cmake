@@ -28,8 +28,6 @@ foreach(suite daemon lifecycle hostile)
     tessary_client GTest::gtest GTest::gtest_main)
   add_dependencies(tessary_${suite}_e2e_tests tessaryd)
 endforeach()
-target_compile_definitions(tessary_daemon_e2e_tests PRIVATE TESSARYCTL="$<TARGET_FILE:tessaryctl>")
-add_dependencies(tessary_daemon_e2e_tests tessaryctl)
 
 # Sixteen clients at once, and the daemon killed under load.
 add_executable(tessary_load_client ${CMAKE_CURRENT_SOURCE_DIR}/e2e/load_client.cpp)

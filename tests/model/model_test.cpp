@@ -131,20 +131,33 @@ TEST_F(ModelTest, SharedAuthorizationIsMadeOnceAcrossThreadsAndRetriedAfterFailu
     EXPECT_EQ(t.authorization.lastCreateFlags(), kAuthorizationFlagExtendRights);
 }
 
-TEST_F(ModelTest, Predicates) {
+// How often each predicate asks the service manager is part of its design:
+// `startable` asks `loaded` only when the service is on, `stopable` never
+// asks, and `stale` asks only of transient jobs.
+TEST_F(ModelTest, PredicatesAndTheQuestionsTheyAsk) {
+    auto questions = [this] {
+        const int n = t.serviceManager.loadedQueries();
+        t.serviceManager.resetCounters();
+        return n;
+    };
     ServicePtr s = make(definition("q"));
     EXPECT_TRUE(s->stopable());  // new: loadable, off, not needed
     EXPECT_FALSE(s->startable());
+    EXPECT_EQ(s->stale(), Answer::No);
+    EXPECT_EQ(questions(), 0);
     s->setOn(true);
     EXPECT_TRUE(s->startable());
+    EXPECT_EQ(questions(), 1);
     EXPECT_FALSE(s->stopable());
-    EXPECT_EQ(s->stale(), Answer::No);  // only transient jobs can be
+    EXPECT_EQ(questions(), 0);
     t.serviceManager.load("q");
     EXPECT_FALSE(s->startable());
     EXPECT_TRUE(s->started());
 
     ServicePtr transient = make(definition("tr", {{"Transient", Value::boolean(true)}}));
+    questions();
     EXPECT_EQ(transient->stale(), Answer::Yes);
+    EXPECT_EQ(questions(), 1);
     t.serviceManager.load("tr");
     EXPECT_EQ(transient->stale(), Answer::No);
 
@@ -158,12 +171,49 @@ TEST_F(ModelTest, Predicates) {
     EXPECT_EQ(t.serviceManager.removeCalls(), 0);
 }
 
+// No definition fills a component list, but the nesting rules hold for
+// whatever does: `needed` does not look at the service it is asked about,
+// the deeper search asks each component whether it lists itself, and `start`
+// starts the components where `stop` leaves them alone.
+TEST_F(ModelTest, ComponentRules) {
+    ServicePtr inner = make(definition("inner"));
+    ServicePtr middle = TYSupervisedService::make(supervisor, definition("middle"), {inner});
+    ServicePtr outer = TYSupervisedService::make(supervisor, definition("outer"), {middle});
+    supervisor.setServices(
+        std::make_shared<std::vector<ServicePtr>>(std::vector<ServicePtr>{inner, middle, outer}));
+    EXPECT_TRUE(outer->hasComponentService(*middle));
+    EXPECT_FALSE(outer->hasComponentService(*inner));
+    EXPECT_FALSE(outer->hasComponentService(*outer));
+
+    outer->setOn(true);
+    EXPECT_FALSE(middle->needed());
+    EXPECT_TRUE(middle->stopable());  // off, and not needed by the switched-on outer
+
+    outer->start();
+    EXPECT_EQ(t.serviceManager.submitted(), (std::vector<std::string>{"inner", "middle", "outer"}));
+    EXPECT_EQ(outer->loaded(), Answer::Yes);
+    t.serviceManager.resetCounters();
+    outer->stop();
+    EXPECT_EQ(t.serviceManager.removed(), std::vector<std::string>{"outer"});
+    EXPECT_EQ(t.serviceManager.loadedLabels(), (std::set<std::string>{"inner", "middle"}));
+    EXPECT_EQ(outer->loaded(), Answer::No);
+    EXPECT_EQ(middle->loaded(), Answer::Yes);
+
+    // A component that may not load holds back the service that lists it,
+    // which `stopable` asks before it looks at the switch.
+    ServicePtr sleepy = make(definition("sleepy", {{"UnloadOnSleep", Value::boolean(true)}}));
+    ServicePtr holder = TYSupervisedService::make(supervisor, definition("holder"), {sleepy});
+    holder->setOn(true);
+    supervisor.setDrowsy(true);
+    EXPECT_FALSE(holder->loadable());
+    EXPECT_TRUE(holder->stopable());
+}
+
 TEST_F(ModelTest, SleepFlagsAndTheServicesOwnAssertion) {
     ServicePtr sleepy = make(definition("s", {{"UnloadOnSleep", Value::boolean(true)}}));
     sleepy->setOn(true);
     EXPECT_TRUE(sleepy->startable());
     supervisor.setDrowsy(true);
-    EXPECT_FALSE(sleepy->loadable());
     EXPECT_FALSE(sleepy->startable());
     EXPECT_TRUE(sleepy->stopable());  // even though it is on
     supervisor.setDrowsy(false);
@@ -203,7 +253,11 @@ TEST_F(ModelTest, StopMigrateAndResetOfAStartedService) {
     jobOf(s)->setProgramArguments(args({"/bin/echo", "custom"}));
     s->start();
     const JobPtr old = jobOf(s);
+    t.serviceManager.resetCounters();
     s->reset();
+    // Whether it is started, whether its job is loaded before the removal,
+    // and whether it is startable once rebuilt.
+    EXPECT_EQ(t.serviceManager.loadedQueries(), 3);
     EXPECT_NE(jobOf(s), old);
     EXPECT_FALSE(prefs.programArgumentsForServiceJob("r", "r"));
     EXPECT_EQ(*t.serviceManager.jobFor("r")->find("ProgramArguments"),

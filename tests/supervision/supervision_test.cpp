@@ -3,6 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <map>
+
 #include "daemon/supervisor.h"
 #include "support/test_platform.h"
 
@@ -152,56 +154,78 @@ TEST_F(SupervisionTest, SyncStopsAndStartsByThePredicates) {
     EXPECT_EQ(t.serviceManager.submitted(), (std::vector<std::string>{"sleeper"}));
 }
 
-// Ten stops that each wait 200 ms all run at the same time, and each line
-// measures from the common start.
-TEST_F(SupervisionTest, StopAllRunsEveryStopAtOnce) {
-    for (int i = 0; i < 10; ++i) {
-        const std::string label = "svc" + std::to_string(i);
-        t.addDefinition(label + ".plist", definition(label));
-        prefs.setServiceEnabled(label, true);
-    }
+// A service's own sleep assertion is one while it is switched on, and stays
+// one through a reload of the services, which makes new objects.
+TEST_F(SupervisionTest, ASleepAssertionStaysOneThroughAReload) {
+    t.addDefinition("awake.plist", definition("awake", {{"PreventsSleep", Value::boolean(true)}}));
     supervisor.loadServices();
-    supervisor.syncServices();
-    ASSERT_EQ(t.serviceManager.loadedLabels().size(), 10U);
-    testing::writeFile(t.paths.setupDoneMarker(), "");
-    t.log.clear();
+    supervisor.setServiceEnabled(*supervisor.serviceWithLabel("awake"), true);
+    EXPECT_EQ(t.powerAssertions.held.size(), 1U);
+    TYSupervisor::Arguments none;
+    (void)supervisor.restoreServicesWithArguments(none);
+    EXPECT_EQ(t.powerAssertions.held.size(), 1U);
+    supervisor.setServiceEnabled(*supervisor.serviceWithLabel("awake"), false);
+    EXPECT_TRUE(t.powerAssertions.held.empty());
+}
 
-    t.serviceManager.setRemoveDelay(std::chrono::milliseconds(200));
-
-    supervisor.stopAllServices();
-
-    EXPECT_EQ(t.serviceManager.mostRemovesInFlight(), 10);
-    EXPECT_TRUE(t.serviceManager.loadedLabels().empty());
-    EXPECT_FALSE(std::filesystem::exists(t.paths.setupDoneMarker()));
-    EXPECT_TRUE(prefs.serviceIsEnabled("svc3"));  // the choices stay
-    std::set<std::string> reported;
-    for (const auto& line : t.log.lines()) {
+// The figure each stop reports, by label.
+std::map<std::string, double> stopTimes(const testing::RecordingSystemLog& log) {
+    std::map<std::string, double> out;
+    for (const auto& line : log.lines()) {
         double seconds = 0;
         char label[64] = {};
         if (std::sscanf(line.c_str(), "WARNING: Service %63s took %lf seconds to stop", label,
                         &seconds) == 2) {
-            reported.insert(label);
-            EXPECT_GE(seconds, 0.2) << line;
+            out[label] = seconds;
         }
     }
-    EXPECT_EQ(reported.size(), 10U);
+    return out;
+}
+
+class StopAllSupervisionTest : public SupervisionTest {
+  protected:
+    // Loaded and running; the stop of service i takes (i + 1) * `step`.
+    void runServices(int count, std::chrono::milliseconds step) {
+        for (int i = 0; i < count; ++i) {
+            const std::string label = "svc" + std::to_string(i);
+            t.addDefinition(label + ".plist", definition(label));
+            prefs.setServiceEnabled(label, true);
+            t.serviceManager.setRemoveDelay(label, step * (i + 1));
+            delays[label] = std::chrono::duration<double>(step * (i + 1)).count();
+        }
+        supervisor.loadServices();
+        supervisor.syncServices();
+        ASSERT_EQ(t.serviceManager.loadedLabels().size(), static_cast<std::size_t>(count));
+        testing::writeFile(t.paths.setupDoneMarker(), "");
+        t.log.clear();
+    }
+    std::map<std::string, double> delays;  // seconds each stop takes
+};
+
+// The stops run all at once, and every line is written, however quick.
+TEST_F(StopAllSupervisionTest, EveryStopRunsAtOnce) {
+    runServices(10, std::chrono::milliseconds(30));
+    const auto start = std::chrono::steady_clock::now();
+    supervisor.stopAllServices();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1000));
+    EXPECT_EQ(t.serviceManager.mostRemovesInFlight(), 10);
+    EXPECT_TRUE(t.serviceManager.loadedLabels().empty());
+    EXPECT_FALSE(std::filesystem::exists(t.paths.setupDoneMarker()));
+    EXPECT_TRUE(prefs.serviceIsEnabled("svc3"));  // the choices stay
+    const auto times = stopTimes(t.log);
+    ASSERT_EQ(times.size(), 10U);
     EXPECT_EQ(t.log.countStartingWith("WARNING: Service "), 10U);
+    EXPECT_GE(times.at("svc9"), 0.3);
 }
 
 // A process that may start no thread still stops every service, each on the
-// calling thread: a demotion must not end half-way.
-TEST_F(SupervisionTest, StopAllWithoutThreadsStopsEveryServiceHere) {
+// calling thread: a demotion must not end half-way. One after the other,
+// each figure counts from the common start, so it includes the stops before.
+TEST_F(StopAllSupervisionTest, WithoutThreadsEveryServiceStopsHere) {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root to become a user who may start no thread";
     }
-    for (const char* label : {"a", "b", "c"}) {
-        t.addDefinition(std::string(label) + ".plist", definition(label));
-        prefs.setServiceEnabled(label, true);
-    }
-    supervisor.loadServices();
-    supervisor.syncServices();
-    ASSERT_EQ(t.serviceManager.loadedLabels().size(), 3U);
-    t.log.clear();
+    runServices(3, std::chrono::milliseconds(100));
     const pid_t child = ::fork();
     if (child == 0) {
         const rlimit none{0, 0};
@@ -210,10 +234,17 @@ TEST_F(SupervisionTest, StopAllWithoutThreadsStopsEveryServiceHere) {
             ::_exit(90);
         }
         supervisor.stopAllServices();
+        auto times = stopTimes(t.log);
         const bool whole =
             t.serviceManager.loadedLabels().empty() &&
             t.log.countStartingWith("WARNING: Unable to start a worker to stop ") == 3;
-        ::_exit(whole ? 0 : 1);
+        bool fromTheStart = times.size() == 3;
+        double stopsSoFar = 0;
+        for (const ServicePtr& s : *supervisor.services()) {
+            stopsSoFar += delays[s->label()];
+            fromTheStart = fromTheStart && times[s->label()] >= stopsSoFar;
+        }
+        ::_exit(whole ? (fromTheStart ? 0 : 2) : 1);
     }
     int status = -1;
     ASSERT_EQ(::waitpid(child, &status, 0), child);

@@ -34,11 +34,6 @@ namespace fs = std::filesystem;
 constexpr const char* kUninstallLabel = "com.orvane.tessaryd.UninstallExtras";
 constexpr const char* kKillallLabel = "com.orvane.tessaryd.killallTessaryApps";
 constexpr const char* kExtras = "/Library/Tessary/.UninstallExtras";
-// Where the journal would listen: inside the private /run/systemd, so the
-// test listens there instead.
-constexpr const char* kJournalDirectory = "/run/systemd/journal";
-constexpr const char* kJournalStdout = "/run/systemd/journal/stdout";
-
 UniqueFd boundSocket(int type, const std::string& path) {
     UniqueFd fd(::socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un a{};
@@ -69,56 +64,27 @@ bool setManagerEnvironment(const std::string& assignment) {
                               nullptr, "as", 1, assignment.c_str()) >= 0;
 }
 
-// Stands in for the journal: the manager connects each job's standard output
-// and error to the journal's stream socket. Nothing here accepts while the
-// jobs run; what they wrote waits in the backlog until output() reads it.
-class JournalStandIn {
-  public:
-    JournalStandIn()
-        : socket_((fs::create_directories(kJournalDirectory),
-                   boundSocket(SOCK_STREAM, kJournalStdout))) {}
-    ~JournalStandIn() { ::unlink(kJournalStdout); }
-    JournalStandIn(const JournalStandIn&) = delete;
-    JournalStandIn& operator=(const JournalStandIn&) = delete;
-
-    bool listening() const { return socket_.valid(); }
-
-    // Everything written on the streams ended so far, without the seven
-    // header lines the manager sends first on each.
-    std::string output() {
-        std::string out;
-        for (UniqueFd c; (c = UniqueFd(::accept4(socket_.get(), nullptr, nullptr,
-                                                 SOCK_CLOEXEC | SOCK_NONBLOCK)));) {
-            std::string text;
-            char buf[4096];
-            for (ssize_t n; (n = ::read(c.get(), buf, sizeof buf)) > 0;) {
-                text.append(buf, static_cast<std::size_t>(n));
-            }
-            std::size_t start = 0;
-            for (int line = 0; line < 7 && start != std::string::npos; ++line) {
-                start = text.find('\n', start);
-                start = start == std::string::npos ? start : start + 1;
-            }
-            out += start == std::string::npos ? "" : text.substr(start);
-        }
-        return out;
-    }
-
-  private:
-    UniqueFd socket_;
-};
-
-// Runs `argv` to its end; with `privateDevLog`, in a mount namespace of its
-// own whose /dev holds nothing but a /dev/log leading to that path.
-testing::ProcessRun runTool(const std::vector<std::string>& argv,
-                            const std::string& privateDevLog = {}) {
+// Runs `argv` to its end in a mount namespace of its own whose /dev holds
+// nothing but a /dev/log leading to `devLog`, with `path` first on its PATH.
+testing::ProcessRun runTool(const std::vector<std::string>& argv, const std::string& devLog,
+                            const std::string& path = "/usr/bin:/bin") {
     return testing::runProcess(argv, {}, [&] {
-        return privateDevLog.empty() ||
-               (::unshare(CLONE_NEWNS) == 0 &&
-                ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                ::mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0 &&
-                ::symlink(privateDevLog.c_str(), "/dev/log") == 0);
+        return ::setenv("PATH", (path + ":/usr/bin:/bin").c_str(), 1) == 0 &&
+               ::unshare(CLONE_NEWNS) == 0 &&
+               ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+               ::mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0 &&
+               ::symlink(devLog.c_str(), "/dev/log") == 0;
     });
+}
+
+// The datagrams written to a log socket so far.
+std::vector<std::string> logLines(const UniqueFd& log) {
+    std::vector<std::string> lines;
+    char buf[1024];
+    for (ssize_t n; (n = ::recv(log.get(), buf, sizeof buf, MSG_DONTWAIT)) > 0;) {
+        lines.emplace_back(buf, static_cast<std::size_t>(n));
+    }
+    return lines;
 }
 
 class CleanupJobsTest : public testing::RealSystemdTest {
@@ -137,8 +103,6 @@ class CleanupJobsTest : public testing::RealSystemdTest {
         fs::create_directories(helpers);
         fs::create_symlink(JOBTOOL, helpers + "/jobtool");
         fs::create_symlink(SYSLOG_COMMAND, helpers + "/syslog");
-        journal = std::make_unique<JournalStandIn>();
-        ASSERT_TRUE(journal->listening());
         privateLibrary = true;
         // In sanitizer builds, the leak check at the exit of a jobtool that
         // ends inside its own stopping unit stops the process with ptrace, and
@@ -199,33 +163,73 @@ class CleanupJobsTest : public testing::RealSystemdTest {
         {testing::kManagerSocket, testing::kManagerUnitDirectory, helpers}, backendLog};
     testing::TestPlatform doubles{&backend};
     AuthorizationRef auth = doubles.authorization.create({}, 0).authorization;
-    std::unique_ptr<JournalStandIn> journal;
     std::vector<pid_t> children;
     bool privateLibrary = false;
 };
 
-TEST_F(CleanupJobsTest, TheUninstallJobRunsTheExtrasInOrderAndRemovesItself) {
+// The uninstall script as the job runs it (under bash, as every job of
+// /bin/sh), with a log of the test's: each extra, in sorted order, is named
+// in one line and run, a failing one not stopping the others. Without
+// extras it says and runs nothing; under a shell without shopt the loop would
+// run once with the pattern itself.
+TEST_F(CleanupJobsTest, TheUninstallScriptNamesAndRunsEachExtra) {
+    testing::TestPlatform plain;
+    TYSupervisor(plain.platform).startUninstallExtrasService();
+    std::vector<std::string> argv;
+    for (const plist::Value& a :
+         *plain.serviceManager.jobFor(kUninstallLabel)->find("ProgramArguments")->array()) {
+        argv.push_back(*a.string());
+    }
+    ASSERT_EQ(argv.at(0), "/bin/sh");
+    argv[0] = "/bin/bash";
     const std::string ran = dir / "ran";
-    // Made out of order; a failing one does not stop the others.
     for (const char* name : {"c-last", "a-first", "b-fails"}) {
         const std::string path = std::string(kExtras) + "/" + name;
         testing::writeFile(path, std::string("#!/bin/sh\necho ") + name + " >> " + ran +
                                      (name[0] == 'b' ? "\nexit 1\n" : "\n"));
         fs::permissions(path, fs::perms(0755));
     }
-    runCleanupJob(&TYSupervisor::startUninstallExtrasService, kUninstallLabel);
+    // jobtool stands aside: the job's removal of itself is the next test's.
+    const std::string bin = dir / "direct-bin";
+    fs::create_directories(bin);
+    fs::create_symlink(SYSLOG_COMMAND, bin + "/syslog");
+    fs::create_symlink("/bin/true", bin + "/jobtool");
+    const std::string socket = dir / "log";
+    const UniqueFd log = boundSocket(SOCK_DGRAM, socket);
+    ASSERT_TRUE(log.valid());
+
+    auto run = runTool(argv, socket, bin);
+    EXPECT_EQ(run.output, "");
     EXPECT_EQ(testing::readFile(ran), "a-first\nb-fails\nc-last\n");
+    const auto lines = logLines(log);
+    ASSERT_EQ(lines.size(), 3U);
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        const std::string name[] = {"a-first", "b-fails", "c-last"};
+        EXPECT_TRUE(lines[i].starts_with("<13>")) << lines[i];  // user facility, notice
+        EXPECT_NE(lines[i].find(" com.orvane.tessaryd.UninstallExtras["), std::string::npos);
+        EXPECT_TRUE(
+            lines[i].ends_with("]: Running " + std::string(kExtras) + "/" + name[i] + "..."))
+            << lines[i];
+    }
+    EXPECT_FALSE(fs::exists(kExtras));
+
+    fs::create_directories(kExtras);
+    run = runTool(argv, socket, bin);
+    EXPECT_EQ(run.output, "");
+    EXPECT_TRUE(logLines(log).empty());
     EXPECT_FALSE(fs::exists(kExtras));
     EXPECT_TRUE(fs::exists("/Library/Tessary"));
+}
 
-    // Missing, then empty: under a shell without shopt, the loop would run
-    // once with the pattern itself: an error for shopt, a "Running .../*..."
-    // line and an error for running "*".
+// Submitted as the supervisor does, the job runs the extras and removes
+// itself, whether there are extras or not.
+TEST_F(CleanupJobsTest, TheUninstallJobRunsAndRemovesItself) {
+    testing::writeFile(std::string(kExtras) + "/extra", "#!/bin/sh\ntouch " + (dir / "ran") + "\n");
+    fs::permissions(std::string(kExtras) + "/extra", fs::perms(0755));
     runCleanupJob(&TYSupervisor::startUninstallExtrasService, kUninstallLabel);
-    fs::create_directories(kExtras);
-    runCleanupJob(&TYSupervisor::startUninstallExtrasService, kUninstallLabel);
+    EXPECT_TRUE(fs::exists(dir / "ran"));
     EXPECT_FALSE(fs::exists(kExtras));
-    EXPECT_EQ(journal->output(), "");
+    runCleanupJob(&TYSupervisor::startUninstallExtrasService, kUninstallLabel);
 }
 
 TEST_F(CleanupJobsTest, TheKillallJobKillsEveryTessaryAndRemovesItself) {
@@ -244,7 +248,6 @@ TEST_F(CleanupJobsTest, TheKillallJobKillsEveryTessaryAndRemovesItself) {
         pid = -1;
     }
     children.clear();
-    EXPECT_EQ(journal->output(), "");
 }
 
 TEST_F(CleanupJobsTest, SyslogWritesTheMessageUnderTheSenderAtTheLevel) {

@@ -110,12 +110,6 @@ TEST_F(TessaryctlTest, OneRequestCommandsAndTheirOutput) {
                                                          "disabled  [a-z ]{24}  b\n")))
         << list.output;
     EXPECT_EQ(requests[0].find("argumentsData"), nullptr);
-    // The form passed the channel's check: it names the tessaryctl process.
-    const Value* form = requests[0].find(linux_backend::UnixMessageService::kFormKey);
-    ASSERT_NE(form, nullptr);
-    auto identity = linux_backend::decodeExternalForm(*form->data());
-    ASSERT_TRUE(identity);
-    EXPECT_EQ(identity->pid, static_cast<std::uint32_t>(list.pid));
 
     EXPECT_EQ(run({"enable", "a"}).exitCode, 1);
     const auto unanswered = run({"--timeout", "0.2", "disable", "a"});
