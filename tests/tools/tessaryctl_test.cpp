@@ -1,6 +1,8 @@
 // tessaryctl against a stand-in daemon on the real request channel: what it
 // sends, and what it makes of the answers.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <map>
@@ -129,6 +131,27 @@ TEST_F(TessaryctlTest, OneRequestCommandsAndTheirOutput) {
     EXPECT_EQ(run({"demote"}).output, "");
     EXPECT_EQ(commands, (Strings{"list", "enable", "disable", "status", "status", "restoreServices",
                                  "demote"}));
+}
+
+// "--file -" takes the property list from standard input, as a program
+// driving tessaryctl hands it; what is not one is a usage error.
+TEST_F(TessaryctlTest, APropertyListFromStandardInput) {
+    const std::string input = dir / "input";
+    const auto fromInput = [&](const std::string& text) {
+        testing::writeFile(input, text);
+        return testing::runProcess(
+            {TESSARYCTL, "--socket", path, "create", "--file", "-"},
+            [this] { testing::runFor(queue, 1ms); },
+            [&] { return ::dup2(::open(input.c_str(), O_RDONLY), STDIN_FILENO) == STDIN_FILENO; });
+    };
+    EXPECT_EQ(
+        fromInput("<plist><dict><key>Label</key><string>a.b</string></dict></plist>").exitCode, 0);
+    ASSERT_EQ(commands, Strings{"create"});
+    auto args = plist::decode(*requests[0].find("argumentsData")->data());
+    ASSERT_TRUE(args);
+    EXPECT_EQ(args.value().find("serviceDictionary")->find("Label")->description(), "a.b");
+    EXPECT_EQ(fromInput("<plist><dict>").exitCode, 64);
+    EXPECT_EQ(commands.size(), 1U);
 }
 
 // The daemon watches the process that began the promotion, so that must be
