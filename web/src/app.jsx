@@ -163,6 +163,11 @@ export function App() {
     const [error, setError] = useState(null);
     const [demoting, setDemoting] = useState(false);
     const reading = useRef(false);
+    // The list is asked for before Cockpit has said whether the session has
+    // administrative access, so that the two round trips overlap; without
+    // it the list's refusal is not an error worth showing.
+    const adminNow = useRef(admin);
+    adminNow.current = admin;
 
     const refresh = useCallback(() => {
         if (reading.current)
@@ -176,28 +181,27 @@ export function App() {
                     else
                         setError(failureText(e));
                 });
-        const listRead = admin
-            ? tessaryctl.list().then(list => setServices(servicesOf(list)))
-                    .catch(e => e.exit_status !== EXIT_UNREACHABLE && setError(failureText(e)))
-            : Promise.resolve();
+        const listRead = adminNow.current === false
+            ? Promise.resolve()
+            : tessaryctl.list().then(list => setServices(servicesOf(list)))
+                    .catch(e => adminNow.current && e.exit_status !== EXIT_UNREACHABLE &&
+                                setError(failureText(e)));
         Promise.allSettled([statusRead, listRead]).then(() => { reading.current = false });
-    }, [admin]);
+    }, []);
 
     useEffect(() => {
-        if (admin === null)
-            return undefined;
         refresh();
         const timer = window.setInterval(() => { if (!cockpit.hidden) refresh() }, REFRESH_MS);
         return () => window.clearInterval(timer);
-    }, [admin, refresh]);
+    }, [refresh]);
 
     // Marks when the list first became usable, for the page's load time.
     useEffect(() => {
-        if (services !== null && window.tessaryInteractiveAt === undefined) {
+        if (admin && services !== null && window.tessaryInteractiveAt === undefined) {
             window.tessaryInteractiveAt = performance.now();
             document.body.dataset.interactive = "true";
         }
-    }, [services]);
+    }, [admin, services]);
 
     return (
         <Page>
