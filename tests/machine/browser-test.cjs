@@ -25,24 +25,24 @@ const libexec = "/Applications/Tessary.app/Contents/TessaryRoot/usr/libexec/tess
 const password = "correct horse";
 const crowd = 100;
 
-// A command inside the machine; its output, whatever its exit status (that
-// of `systemctl is-active` is the state's).
-function machine(...command) {
+function runInMachine(command) {
     const run = spawnSync("nsenter", ["-t", machinePid, "-m", "-u", "-i", "-n", "-p", "--",
         "env", "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8", ...command],
     { encoding: "utf8" });
     if (run.error)
         throw run.error;
-    return run.stdout.trim();
+    return run;
 }
+
+// A command inside the machine; its output, whatever its exit status (that
+// of `systemctl is-active` is the state's).
+const machine = (...command) => runInMachine(command).stdout.trim();
 
 // A command inside the machine that must succeed.
 function machineMust(...command) {
-    const run = spawnSync("nsenter", ["-t", machinePid, "-m", "-u", "-i", "-n", "-p", "--",
-        "env", "-i", "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8", ...command],
-    { encoding: "utf8" });
-    if (run.error || run.status !== 0)
-        throw new Error(`${command.join(" ")} failed: ${run.error || run.stderr}`);
+    const run = runInMachine(command);
+    if (run.status !== 0)
+        throw new Error(`${command.join(" ")} failed: ${run.stderr}`);
 }
 
 const mainPid = unit => machine("systemctl", "show", "-P", "MainPID", unit);

@@ -282,6 +282,21 @@ project_leftovers() {
 
 # --- the steps --------------------------------------------------------------
 
+# The definition of a service LABEL that sleeps, kept alive.
+sleeper_definition() {
+    cat <<PLIST
+<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0">
+<dict>
+	<key>Label</key><string>$1</string>
+	<key>ProgramArguments</key>
+	<array><string>/bin/sleep</string><string>infinity</string></array>
+	<key>KeepAlive</key><true/>
+</dict>
+</plist>
+PLIST
+}
+
 step_install() {
     install_package "$first_deb" "$first_version"
     daemon_answers "/run/systemd/system/$daemon_unit"
@@ -304,17 +319,7 @@ step_services() {
     service_runs "$heartbeat"
     heartbeat_runs_with /run/tessary-heartbeat 1
 
-    cat >"$work/root$files/dynamic.plist" <<PLIST
-<?xml version="1.0" encoding="UTF-8"?>
-<plist version="1.0">
-<dict>
-	<key>Label</key><string>$dynamic</string>
-	<key>ProgramArguments</key>
-	<array><string>/bin/sleep</string><string>infinity</string></array>
-	<key>KeepAlive</key><true/>
-</dict>
-</plist>
-PLIST
+    sleeper_definition "$dynamic" >"$work/root$files/dynamic.plist"
     [[ "$(tessaryctl create --file "$files/dynamic.plist")" == "$dynamic" ]] ||
         fail "tessaryctl create did not name $dynamic"
     tessaryctl enable "$dynamic"
@@ -381,17 +386,7 @@ step_browser() {
     machine test -f /usr/share/cockpit/tessary/manifest.json || fail "the package has no Cockpit page"
     machine systemctl start cockpit.socket
     machine bash -c 'echo "tessuser:correct horse" | chpasswd'
-    cat >"$work/browser-dynamic.plist" <<PLIST
-<?xml version="1.0" encoding="UTF-8"?>
-<plist version="1.0">
-<dict>
-	<key>Label</key><string>com.example.browser.dynamic</string>
-	<key>ProgramArguments</key>
-	<array><string>/bin/sleep</string><string>infinity</string></array>
-	<key>KeepAlive</key><true/>
-</dict>
-</plist>
-PLIST
+    sleeper_definition com.example.browser.dynamic >"$work/browser-dynamic.plist"
     rm -rf "$shots"
     nsenter -t "$machine_pid" -n -- env NODE_PATH="$build_dir/web/node_modules" \
         node "$source_dir/tests/machine/browser-test.cjs" "$machine_pid" "$shots" \
