@@ -390,6 +390,13 @@ async function main() {
             throw new Error(`the page is ${overflow} px wider than a narrow window`);
         await shot("narrow-window");
         await page.setViewport({ width: 1280, height: 900 });
+        // The console's dark style reaches the page.
+        await page.evaluate(() => window.localStorage.setItem("shell:style", "dark"));
+        frame = await openTessary();
+        if (!(await frame.$eval("html", el => el.classList.contains("pf-theme-dark"))))
+            throw new Error("the page does not follow the console's dark style");
+        await shot("dark-style");
+        await page.evaluate(() => window.localStorage.removeItem("shell:style"));
         await loadTime();
     } catch (e) {
         if (page)

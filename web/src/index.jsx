@@ -5,6 +5,9 @@ import React from "react";
 import { createRoot } from "react-dom/client";
 
 import { App } from "./app.jsx";
+import { followConsoleStyle } from "./theme.js";
+
+followConsoleStyle();
 
 document.addEventListener("DOMContentLoaded", () => {
     createRoot(document.getElementById("app")).render(<App />);
