@@ -149,21 +149,41 @@ async function userWithoutAdministrativeAccess() {
     await logOut();
 }
 
+const indicatorSays = async text =>
+    (await page.$eval("#super-user-indicator", el => el.innerText)).includes(text);
+
+async function shellDialogButton(text) {
+    const [button] = await page.$$(
+        `::-p-xpath(//div[contains(@class,'pf-c-modal-box')]//button[normalize-space()='${text}'])`);
+    if (!button)
+        throw new Error(`no "${text}" in the console's dialog`);
+    await button.click();
+}
+
+// An administrator starts in limited access (the console may have turned
+// administrative access on at login: it is turned off first), where the
+// page is as for any user; the "Limited access" button and the password
+// then give administrative access.
 async function takeAdministrativeAccess() {
     await logIn("tessadmin");
-    const indicator = await page.$eval("#super-user-indicator", el => el.innerText);
-    if (indicator.includes("Limited access")) {
+    if (await indicatorSays("Administrative access")) {
         await page.click("#super-user-indicator button");
-        await page.waitForSelector(".pf-c-modal-box input[type=password]", { visible: true });
-        await page.type(".pf-c-modal-box input[type=password]", password);
-        const [authenticate] = await page.$$(
-            "::-p-xpath(//div[contains(@class,'pf-c-modal-box')]//button[normalize-space()='Authenticate'])");
-        await authenticate.click();
-        await until("administrative access", async () =>
-            (await page.$eval("#super-user-indicator", el => el.innerText))
-                    .includes("Administrative access"), 30);
+        await shellDialogButton("Limit access");
+        await until("limited access", () => indicatorSays("Limited access"), 30);
     }
-    console.log("browser: tessadmin took administrative access");
+    let frame = await openTessary();
+    await frame.waitForSelector("#tessary-needs-admin", { visible: true });
+
+    await page.click("#super-user-indicator button");
+    await page.waitForSelector(".pf-c-modal-box input[type=password]", { visible: true });
+    await page.type(".pf-c-modal-box input[type=password]", password);
+    await shellDialogButton("Authenticate");
+    await until("administrative access", () => indicatorSays("Administrative access"), 30);
+    // The console reloads its pages when the access changes.
+    frame = await tessaryFrame();
+    await frame.waitForSelector("input[id^='switch-']", { visible: true, timeout: 30000 });
+    console.log("browser: tessadmin, in limited access, saw \"Needs administrative access\"; " +
+                "took administrative access with the password; the switches appeared");
 }
 
 async function switchesAndState(frame) {
