@@ -173,6 +173,7 @@ async function takeAdministrativeAccess() {
     }
     let frame = await openTessary();
     await frame.waitForSelector("#tessary-needs-admin", { visible: true });
+    await shot("administrator-in-limited-access");
 
     await page.click("#super-user-indicator button");
     await page.waitForSelector(".pf-c-modal-box input[type=password]", { visible: true });
