@@ -4,7 +4,7 @@
 /* global cockpit */
 import React, { useCallback, useEffect, useRef, useState } from "react";
 import {
-    Alert, Button, Card, CardBody, CardTitle, EmptyState, EmptyStateBody, Flex, Label, Page,
+    Alert, AlertActionCloseButton, Button, Card, CardBody, CardTitle, EmptyState, EmptyStateBody, Flex, Label, Page,
     PageSection, Spinner, Stack, StackItem, Switch, Text, TextContent, Title, Toolbar,
     ToolbarContent, ToolbarItem,
 } from "./pf.js";
@@ -76,8 +76,7 @@ function ServiceRow({ service, busy, onSwitch, onDialog }) {
                         isChecked={on} isDisabled={busy} onChange={checked => onSwitch(label, checked)} />
             </Td>
             <Td isActionCell>
-                <ActionsColumn items={items} actionsToggle={undefined}
-                               popperProps={{ position: "right" }} />
+                <ActionsColumn items={items} popperProps={{ position: "right" }} />
             </Td>
         </Tr>
     );
@@ -147,7 +146,7 @@ function ServicesCard({ services, error, onChanged, setError }) {
             </CardTitle>
             <CardBody>
                 {error && <Alert variant="danger" isInline title={error}
-                                 actionClose={undefined} />}
+                                 actionClose={<AlertActionCloseButton onClose={() => setError(null)} />} />}
                 {body}
                 {dialog && dialogs[dialog.kind](dialog.label)}
             </CardBody>

@@ -1,7 +1,7 @@
 // The PatternFly components the page uses, each from its own module: the
 // packages' index modules import the styles of every component, which would
 // make the page carry all of them.
-export { Alert } from "@patternfly/react-core/dist/esm/components/Alert/index.js";
+export { Alert, AlertActionCloseButton } from "@patternfly/react-core/dist/esm/components/Alert/index.js";
 export { Button } from "@patternfly/react-core/dist/esm/components/Button/index.js";
 export { Card, CardBody, CardTitle } from "@patternfly/react-core/dist/esm/components/Card/index.js";
 export { EmptyState, EmptyStateBody } from "@patternfly/react-core/dist/esm/components/EmptyState/index.js";
