@@ -13,12 +13,8 @@ using plist::Dictionary;
 using plist::Value;
 using testing::definition;
 
-Value args(std::initializer_list<const char*> a) {
-    Array out;
-    for (const char* s : a) {
-        out.emplace_back(s);
-    }
-    return Value(std::move(out));
+Value args(const std::vector<std::string>& a) {
+    return Value(plist::stringArray(a));
 }
 
 class ModelTest : public ::testing::Test {
