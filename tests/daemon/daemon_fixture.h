@@ -76,6 +76,9 @@ class DaemonFixture : public ::testing::Test {
     static plist::Bytes bytesOf(const plist::Value& v) {
         return plist::encode(v, plist::Format::Binary).value();
     }
+    static plist::Value dataOf(const AuthorizationExternalForm& form) {
+        return plist::Value::data(plist::Bytes(form.begin(), form.end()));
+    }
 
     // Sends one request and returns the reply, if one came.
     std::optional<plist::Dictionary> request(FakeConnection& c, plist::Dictionary fields) {
@@ -100,9 +103,7 @@ class DaemonFixture : public ::testing::Test {
                    bool withForm = true) {
         plist::Dictionary fields{{"commandString", plist::Value(name)}};
         if (withForm) {
-            const auto form = grantedForm();
-            fields.insert_or_assign("authorizationExternalFormData",
-                                    plist::Value::data(plist::Bytes(form.begin(), form.end())));
+            fields.insert_or_assign("authorizationExternalFormData", dataOf(grantedForm()));
         }
         if (!arguments.empty()) {
             fields.insert_or_assign(
