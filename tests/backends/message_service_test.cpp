@@ -128,7 +128,7 @@ TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
     const Value unimportable = Value::data(plist::Bytes(32, 0));
     ASSERT_FALSE(linux_backend::decodeExternalForm(*unimportable.data()));
     const Dictionary atLimit = requestOfSize(UnixMessageService::kMaxDatagram);
-    const std::string bomb = testing::HandMadeList::referenceBomb(24);
+    const std::string bomb = testing::HandMadeList::nested(24, 2);
     testing::HandMadeList notUtf8;
     notUtf8.add(notUtf8.dictionary({{1, 2}}));
     notUtf8.add(testing::HandMadeList::string("commandString"));

@@ -105,8 +105,8 @@ TEST_F(RequestChannelTest, ArgumentsAreDecodedAndCheckedBeforeTheHandler) {
     latin1.add(latin1.dictionary({{1, 2}}));
     latin1.add(HandMadeList::string("service"));
     latin1.add(HandMadeList::string("\xC0\xAF"));
-    const std::vector<std::string> unreadable = {"xy", HandMadeList::referenceBomb(24),
-                                                 HandMadeList::deepChain(20000), latin1.bytes()};
+    const std::vector<std::string> unreadable = {"xy", HandMadeList::nested(24, 2),
+                                                 HandMadeList::nested(20000, 1), latin1.bytes()};
     for (const std::string& arguments : unreadable) {
         reply = request(c, {{"commandString", Value("list")},
                             {"authorizationExternalFormData", formData},
