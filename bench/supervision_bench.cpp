@@ -33,10 +33,10 @@ void BM_SyncNothingToChange(benchmark::State& state) {
         fleet.supervisor.syncServices();
     }
     state.counters["queries_per_pass"] =
-        benchmark::Counter(static_cast<double>(fleet.t.serviceManager.loadedQueries()) /
+        benchmark::Counter(static_cast<double>(fleet.t.serviceManager.asked().loadedQueries) /
                            static_cast<double>(state.iterations()));
     state.counters["changes"] =
-        fleet.t.serviceManager.submitCalls() + fleet.t.serviceManager.removeCalls();
+        fleet.t.serviceManager.asked().submitCalls + fleet.t.serviceManager.asked().removeCalls;
 }
 BENCHMARK(BM_SyncNothingToChange)->ArgName("all_on")->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 

@@ -33,10 +33,8 @@ TEST(FailClosedTest, OnlyRootHoldsTheRightWithoutPolkit) {
         }
         ::_exit(1);
     }
-    for (int i = 0;
-         i < 500 && processStatusIds(nobody.pid).value_or(StatusIds{}).effectiveUid != 65534; ++i) {
-        std::this_thread::sleep_for(2ms);
-    }
+    (void)testing::eventually(
+        [&] { return processStatusIds(nobody.pid).value_or(StatusIds{}).effectiveUid == 65534; });
     const FormIdentity me = ownFormIdentity().value();
     const FormIdentity other{static_cast<std::uint32_t>(nobody.pid), 65534,
                              processStartTime(nobody.pid).value()};

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -127,7 +128,7 @@ TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
     const Value unimportable = Value::data(plist::Bytes(32, 0));
     ASSERT_FALSE(linux_backend::decodeExternalForm(*unimportable.data()));
     const Dictionary atLimit = requestOfSize(UnixMessageService::kMaxDatagram);
-    const std::string bomb = testing::HandMadeList::referenceBomb(24);
+    const std::string bomb = testing::HandMadeList::nested(24, 2);
     testing::HandMadeList notUtf8;
     notUtf8.add(notUtf8.dictionary({{1, 2}}));
     notUtf8.add(testing::HandMadeList::string("commandString"));
@@ -242,6 +243,65 @@ TEST_F(MessageServiceTest, HangUpEndsTheConnectionExactlyOnce) {
     connection->cancel();
     testing::runFor(queue, 30ms);
     EXPECT_EQ(events.size(), 2U);
+}
+
+// One user's connections beyond the cap are closed at once, one line says
+// so, and another user still gets in; a place is given back when its
+// connection ends.
+TEST_F(MessageServiceTest, OneUserIsCappedAndOthersStillGetIn) {
+    std::vector<std::shared_ptr<MessageConnection>> held;
+    listener->setEventHandler([&](const ListenerEvent& e) { held.push_back(e.connection); });
+    const std::size_t cap = UnixMessageService::kMaxConnectionsPerUser;
+    std::vector<UniqueFd> clients;
+    for (std::size_t i = 0; i < cap + 3; ++i) {
+        clients.push_back(connectTo(path));
+    }
+    ASSERT_TRUE(testing::runUntil(queue, [&] {
+        return std::count_if(clients.begin(), clients.end(), [](const UniqueFd& c) {
+                   char b = 0;
+                   return ::recv(c.get(), &b, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+               }) == 3;
+    }));
+    EXPECT_EQ(held.size(), cap);
+    EXPECT_EQ(log.countStartingWith("WARNING: Refused 1 connections from uid 0: a user may hold "
+                                    "128, all users "),
+              1U);
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+    ASSERT_EQ(::seteuid(kNobody), 0);
+    UniqueFd other = connectTo(path);
+    ASSERT_EQ(::seteuid(0), 0);
+    EXPECT_TRUE(testing::runUntil(queue, [&] { return held.size() == cap + 1; }));
+    held.front()->cancel();
+    UniqueFd again = connectTo(path);
+    EXPECT_TRUE(testing::runUntil(queue, [&] { return held.size() == cap + 2; }));
+}
+
+// A client that sends without pause and never reads its replies: once a
+// reply waits for it, its requests are no longer read; the replies that may
+// wait are capped; another client's requests are still read.
+TEST_F(MessageServiceTest, AClientThatNeverReadsIsNoLongerReadAndOthersAre) {
+    UniqueFd neverReads = connectTo(path);
+    const plist::Bytes status = binary({{"commandString", Value("status")}});
+    auto flood = [&] {
+        while (::send(neverReads.get(), status.data(), status.size(), MSG_DONTWAIT) > 0) {
+        }
+    };
+    flood();
+    ASSERT_TRUE(testing::runUntil(queue, [&] { return events.size() >= 200; }));
+    const std::size_t read = events.size();
+    std::size_t refused = 0;
+    for (const PeerEvent& e : events) {
+        refused += connection->sendReply(*e.message, {{"pad", Value::data(plist::Bytes(100'000))}})
+                       ? 0
+                       : 1;
+    }
+    EXPECT_GT(refused, 0U);
+    flood();
+    testing::runFor(queue, 50ms);
+    EXPECT_EQ(events.size(), read);
+    UniqueFd other = connectTo(path);
+    ASSERT_TRUE(send(other.get(), status));
+    EXPECT_EQ(event(read).kind, Kind::Message);
 }
 
 }  // namespace

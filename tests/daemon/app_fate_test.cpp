@@ -44,7 +44,7 @@ TEST_F(AppFateTest, UnfinishedPromotionIsCleanedUpAtStart) {
     t.process.onSleep = [&] {
         atTheSleep = {t.serviceManager.isLoaded("com.orvane.tessaryd.UninstallExtras"),
                       exists(t.paths.installedDaemon()), exists(t.paths.daemonJobDefinition()),
-                      exists(t.paths.supportDirectory()), t.serviceManager.removed().empty()};
+                      exists(t.paths.supportDirectory()), t.serviceManager.asked().removed.empty()};
     };
     EXPECT_THROW(supervisor.checkForActivePromotion(), testing::ProcessExited);
     EXPECT_EQ(atTheSleep, (std::vector<bool>{true, false, false, true, true}));
@@ -52,7 +52,7 @@ TEST_F(AppFateTest, UnfinishedPromotionIsCleanedUpAtStart) {
     EXPECT_FALSE(prefs.serviceIsPreviouslyEnabled("parked"));
     EXPECT_FALSE(exists(t.paths.supportDirectory()));
     EXPECT_EQ(t.process.slept, std::chrono::seconds(2));
-    EXPECT_EQ(t.serviceManager.removed(), std::vector<std::string>{"com.orvane.tessaryd"});
+    EXPECT_EQ(t.serviceManager.asked().removed, std::vector<std::string>{"com.orvane.tessaryd"});
 }
 
 TEST_F(AppFateTest, UpdateCheckParksServicesAfterAnAppChange) {

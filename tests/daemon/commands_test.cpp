@@ -65,7 +65,7 @@ TEST_F(CommandsTest, OverridesOfUnloadedJobsAndDynamicServicesStartNothing) {
     EXPECT_EQ(created.data.value(), Value(Dictionary{{"service", Value("dyn")}}));
     EXPECT_EQ(prefs.dynamicServices().value(), Value(Array{d}));
     EXPECT_EQ(command("create", {{"serviceDictionary", definition("one")}}).code, 1);
-    EXPECT_EQ(t.serviceManager.submitCalls(), 0);
+    EXPECT_EQ(t.serviceManager.asked().submitCalls, 0);
 
     // A stored definition that was never loaded is removed, yet the answer is 1.
     prefs.addDynamicServiceWithDictionary(definition("ghost"));

@@ -64,12 +64,6 @@ class DaemonFixture : public ::testing::Test {
         return *c;
     }
 
-    static AuditToken tokenFor(std::int32_t pid) {
-        AuditToken token{};
-        std::memcpy(token.data() + 20, &pid, sizeof pid);
-        return token;
-    }
-
     // A form the authorization double knows, holding `rights`.
     AuthorizationExternalForm grantedForm(std::set<std::string> rights = {
                                               "system.privilege.admin"}) {
@@ -82,13 +76,16 @@ class DaemonFixture : public ::testing::Test {
     static plist::Bytes bytesOf(const plist::Value& v) {
         return plist::encode(v, plist::Format::Binary).value();
     }
+    static plist::Value dataOf(const AuthorizationExternalForm& form) {
+        return plist::Value::data(plist::Bytes(form.begin(), form.end()));
+    }
 
     // Sends one request and returns the reply, if one came.
     std::optional<plist::Dictionary> request(FakeConnection& c, plist::Dictionary fields) {
         const std::size_t before = c.replies.size();
-        PeerEvent e;
-        e.kind = PeerEvent::Kind::Message;
-        e.message = KeyedMessage{std::move(fields), tokenFor(c.peerPid())};
+        PeerEvent e{PeerEvent::Kind::Message, KeyedMessage{std::move(fields), {}}, ""};
+        const std::int32_t pid = c.peerPid();  // where an audit token holds it
+        std::memcpy(e.message->auditToken.data() + 20, &pid, sizeof pid);
         c.deliver(e);
         if (c.replies.size() == before) {
             return std::nullopt;
@@ -106,9 +103,7 @@ class DaemonFixture : public ::testing::Test {
                    bool withForm = true) {
         plist::Dictionary fields{{"commandString", plist::Value(name)}};
         if (withForm) {
-            const auto form = grantedForm();
-            fields.insert_or_assign("authorizationExternalFormData",
-                                    plist::Value::data(plist::Bytes(form.begin(), form.end())));
+            fields.insert_or_assign("authorizationExternalFormData", dataOf(grantedForm()));
         }
         if (!arguments.empty()) {
             fields.insert_or_assign(

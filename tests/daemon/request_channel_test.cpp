@@ -29,14 +29,12 @@ TEST_F(RequestChannelTest, RefusalsAndTheirLines) {
     AuthorizationExternalForm unknown{};
     unknown.fill(0xEE);
     auto& c = connect();
-    auto reply = request(c, {{"commandString", Value("list")},
-                             {"authorizationExternalFormData",
-                              Value::data(plist::Bytes(unknown.begin(), unknown.end()))}});
+    auto reply = request(
+        c, {{"commandString", Value("list")}, {"authorizationExternalFormData", dataOf(unknown)}});
     EXPECT_EQ(reply->at("returnCodeInteger"), Value::integer(1));
-    const auto weak = grantedForm({"some.other.right"});
-    reply = request(c, {{"commandString", Value("list")},
-                        {"authorizationExternalFormData",
-                         Value::data(plist::Bytes(weak.begin(), weak.end()))}});
+    reply =
+        request(c, {{"commandString", Value("list")},
+                    {"authorizationExternalFormData", dataOf(grantedForm({"some.other.right"}))}});
     EXPECT_EQ(reply->count("replyData"), 0U);
     EXPECT_EQ(t.log.lines(),
               (std::vector<std::string>{"no auth_external_form", "Relkamport() failed: -60001",
@@ -79,8 +77,7 @@ TEST_F(RequestChannelTest, EveryCommandButStatusNeedsTheRight) {
                                       {"service", Value("a")},
                                       {"serviceDictionary", testing::definition("new")}})))}};
             if (withForm) {
-                fields.emplace("authorizationExternalFormData",
-                               Value::data(plist::Bytes(weak.begin(), weak.end())));
+                fields.emplace("authorizationExternalFormData", dataOf(weak));
             }
             EXPECT_EQ(request(c, fields)->at("returnCodeInteger"), Value::integer(1)) << name;
         }
@@ -93,8 +90,7 @@ TEST_F(RequestChannelTest, EveryCommandButStatusNeedsTheRight) {
 
 TEST_F(RequestChannelTest, ArgumentsAreDecodedAndCheckedBeforeTheHandler) {
     auto& c = connect();
-    const auto form = grantedForm();
-    const Value formData = Value::data(plist::Bytes(form.begin(), form.end()));
+    const Value formData = dataOf(grantedForm());
 
     // Empty arguments count as none: the handler still gets a dictionary.
     auto reply = request(c, {{"commandString", Value("list")},
@@ -109,8 +105,8 @@ TEST_F(RequestChannelTest, ArgumentsAreDecodedAndCheckedBeforeTheHandler) {
     latin1.add(latin1.dictionary({{1, 2}}));
     latin1.add(HandMadeList::string("service"));
     latin1.add(HandMadeList::string("\xC0\xAF"));
-    const std::vector<std::string> unreadable = {"xy", HandMadeList::referenceBomb(24),
-                                                 HandMadeList::deepChain(20000), latin1.bytes()};
+    const std::vector<std::string> unreadable = {"xy", HandMadeList::nested(24, 2),
+                                                 HandMadeList::nested(20000, 1), latin1.bytes()};
     for (const std::string& arguments : unreadable) {
         reply = request(c, {{"commandString", Value("list")},
                             {"authorizationExternalFormData", formData},

@@ -85,9 +85,8 @@ TEST_F(StartupTest, IncompatibleAppLoadsNothingButStillAnswers) {
     EXPECT_EQ(noticeHeaders(),
               (std::vector<std::string>{"The installed version of Tessary is no longer supported "
                                         "on this version of Velora."}));
-}
 
-TEST_F(StartupTest, VersionRulesForCompatibility) {
+    // Which versions are incompatible.
     for (const auto& [installed, minimum, incompatible] :
          std::vector<std::tuple<std::optional<std::string>, std::optional<std::string>, bool>>{
              {"5.9", "5.10", true},

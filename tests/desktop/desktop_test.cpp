@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "backends/event_loop.h"
 #include "daemon/supervisor.h"
 #include "doubles/recording_system_log.h"
 #include "platform/linux/desktop/desktop_notices.h"
@@ -96,7 +97,7 @@ class DesktopBuses : public ::testing::Test {
         all.insert(all.end(), argv.begin(), argv.end());
         pid = testing::spawnProcess(all, dir / "standin.log",
                                     uid == ::geteuid() ? nullptr : asUser(uid));
-        ASSERT_TRUE(testing::appears(file + ".ready"));
+        ASSERT_TRUE(testing::eventually([&] { return std::filesystem::exists(file + ".ready"); }));
     }
     // The logind stand-in with the console's "UID GID RUNTIME-PATH CLASS".
     void startLogin(const Strings& console = {}) {
@@ -126,18 +127,6 @@ class DesktopBuses : public ::testing::Test {
             out.push_back(std::string(what) + "/" + who + "/" + why + "/" + mode);
         }
         return out;
-    }
-    // Polls `done`, turning `queue` in between when there is one.
-    bool waitFor(const std::function<bool()>& done, SdEventQueue* queue = nullptr,
-                 std::chrono::milliseconds limit = 5s) {
-        for (const auto end = std::chrono::steady_clock::now() + limit; !done();) {
-            if (std::chrono::steady_clock::now() >= end) {
-                return false;
-            }
-            queue != nullptr ? (void)sd_event_run(queue->event(), 10'000)
-                             : std::this_thread::sleep_for(10ms);
-        }
-        return true;
     }
 
     testing::TempDir dir;
@@ -195,16 +184,17 @@ TEST_F(DesktopBuses, SleepWaitsForTheWillSleepHandlerAndTheLockReturnsAfterWake)
     for (std::size_t round = 1; round <= 2; ++round) {
         ASSERT_TRUE(suspend());
         // The wake comes only once the stand-in saw the lock closed.
-        ASSERT_TRUE(waitFor([&] { return calls.size() == 2 * round; }, &queue));
+        ASSERT_TRUE(testing::runUntil(queue, [&] { return calls.size() == 2 * round; }));
         EXPECT_EQ(calls[2 * round - 2], "will-sleep, locks: 1");
         EXPECT_EQ(calls[2 * round - 1], "did-wake");
-        ASSERT_TRUE(waitFor([&] { return inhibitors() == delayLock; }, &queue));
+        ASSERT_TRUE(testing::runUntil(queue, [&] { return inhibitors() == delayLock; }));
     }
 
     watcher.cancel();
-    ASSERT_TRUE(waitFor([&] { return inhibitors().empty(); }));
+    ASSERT_TRUE(testing::eventually([&] { return inhibitors().empty(); }, 5s));
     ASSERT_TRUE(suspend());
-    EXPECT_FALSE(waitFor([&] { return calls.size() > 4; }, &queue, 200ms));
+    EXPECT_FALSE(testing::runUntil(
+        queue, [&] { return calls.size() > 4; }, 200ms));
     EXPECT_TRUE(log.empty());
 }
 
@@ -221,7 +211,7 @@ TEST_F(DesktopBuses, AssertionsAreIdleBlockLocksUntilReleased) {
               (Strings{"idle/com.orvane.tessaryd/PreventUserIdleSystemSleep/block", held}));
 
     EXPECT_EQ(assertions.releaseAssertion(first), 0);
-    EXPECT_TRUE(waitFor([&] { return inhibitors() == Strings{held}; }));
+    EXPECT_TRUE(testing::eventually([&] { return inhibitors() == Strings{held}; }, 5s));
     EXPECT_NE(assertions.releaseAssertion(first), 0);
     EXPECT_NE(assertions.releaseAssertion(0), 0);
 }

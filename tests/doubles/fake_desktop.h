@@ -62,12 +62,11 @@ class FakeRunningApplications final : public RunningApplications {
   public:
     std::optional<std::vector<RunningApplication>> runningApplications() override { return apps; }
     std::optional<RunningApplication> frontmostApplication() override { return frontmost; }
-    std::optional<RunningApplication> menuBarOwningApplication() override { return menuBarOwner; }
+    std::optional<RunningApplication> menuBarOwningApplication() override { return std::nullopt; }
     OperatingSystemVersion operatingSystemVersion() override { return version; }
 
     std::optional<std::vector<RunningApplication>> apps;
     std::optional<RunningApplication> frontmost;
-    std::optional<RunningApplication> menuBarOwner;
     OperatingSystemVersion version{10, 12, 0};
 };
 

@@ -39,9 +39,7 @@ class FakeSystemPowerNotifier final : public SystemPowerNotifier {
         callback_ = std::move(callback);
         return {7, 11, 13};
     }
-    void setDispatchQueue(std::uint32_t port, MainQueue& /*queue*/) override {
-        dispatchPort = port;
-    }
+    void setDispatchQueue(std::uint32_t /*port*/, MainQueue& /*queue*/) override {}
     void deregister(std::uint32_t notifier) override { deregistered.push_back(notifier); }
     void destroyPort(std::uint32_t port) override { destroyedPorts.push_back(port); }
     void closeConnection(std::uint32_t connection) override { closed.push_back(connection); }
@@ -56,7 +54,6 @@ class FakeSystemPowerNotifier final : public SystemPowerNotifier {
     }
 
     bool refuse = false;
-    std::uint32_t dispatchPort = 0;
     std::vector<std::uint32_t> deregistered, destroyedPorts, closed;
     std::vector<std::pair<std::uint32_t, std::intptr_t>> allowed;
 

@@ -20,10 +20,10 @@ class FakeServiceManager final : public ServiceManagerClient {
   public:
     Status submitJob(const plist::Value& job, const AuthorizationRef& /*authorization*/) override {
         std::lock_guard lock(mutex_);
-        ++submitCalls_;
+        ++asked_.submitCalls;
         const std::string* label = job.stringAt("Label");
         const std::string name = label != nullptr ? *label : "";
-        submitted_.push_back(name);
+        asked_.submitted.push_back(name);
         if (auto it = submitFailures_.find(name); it != submitFailures_.end()) {
             return Error{"ServiceManager", 1, it->second};
         }
@@ -39,13 +39,13 @@ class FakeServiceManager final : public ServiceManagerClient {
         std::chrono::milliseconds delay{0};
         {
             std::lock_guard lock(mutex_);
-            ++removeCalls_;
-            removed_.emplace_back(label);
-            lastRemoveWaited_ = wait;
+            ++asked_.removeCalls;
+            asked_.removed.emplace_back(label);
+            asked_.lastRemoveWaited = wait;
             if (auto it = removeDelays_.find(std::string(label)); it != removeDelays_.end()) {
                 delay = it->second;
             }
-            mostRemovesInFlight_ = std::max(mostRemovesInFlight_, ++removesInFlight_);
+            asked_.mostRemovesInFlight = std::max(asked_.mostRemovesInFlight, ++removesInFlight_);
         }
         std::this_thread::sleep_for(delay);
         std::lock_guard lock(mutex_);
@@ -58,7 +58,7 @@ class FakeServiceManager final : public ServiceManagerClient {
 
     Answer jobIsEnabled(std::string_view label) override {
         std::lock_guard lock(mutex_);
-        ++loadedQueries_;
+        ++asked_.loadedQueries;
         if (unanswered_.count(std::string(label)) != 0) {
             return Answer::Unknown;
         }
@@ -101,40 +101,22 @@ class FakeServiceManager final : public ServiceManagerClient {
         }
         return out;
     }
-    std::vector<std::string> submitted() const {
+    // What it was asked since it was made or last reset: the labels
+    // submitted and removed, how often it was asked whether a job is loaded,
+    // the most removals under way at one time, and whether the last removal
+    // waited for the stop.
+    struct Asked {
+        std::vector<std::string> submitted, removed;
+        int submitCalls = 0, removeCalls = 0, loadedQueries = 0, mostRemovesInFlight = 0;
+        bool lastRemoveWaited = false;
+    };
+    Asked asked() const {
         std::lock_guard lock(mutex_);
-        return submitted_;
-    }
-    std::vector<std::string> removed() const {
-        std::lock_guard lock(mutex_);
-        return removed_;
-    }
-    int submitCalls() const {
-        std::lock_guard lock(mutex_);
-        return submitCalls_;
-    }
-    int removeCalls() const {
-        std::lock_guard lock(mutex_);
-        return removeCalls_;
-    }
-    int loadedQueries() const {
-        std::lock_guard lock(mutex_);
-        return loadedQueries_;
-    }
-    // The most removals that were under way at one time.
-    int mostRemovesInFlight() const {
-        std::lock_guard lock(mutex_);
-        return mostRemovesInFlight_;
-    }
-    bool lastRemoveWaited() const {
-        std::lock_guard lock(mutex_);
-        return lastRemoveWaited_;
+        return asked_;
     }
     void resetCounters() {
         std::lock_guard lock(mutex_);
-        submitCalls_ = removeCalls_ = loadedQueries_ = 0;
-        submitted_.clear();
-        removed_.clear();
+        asked_ = {};
     }
 
   private:
@@ -143,14 +125,8 @@ class FakeServiceManager final : public ServiceManagerClient {
     std::map<std::string, std::string> submitFailures_;
     std::set<std::string> unanswered_;
     std::map<std::string, std::chrono::milliseconds> removeDelays_;
-    std::vector<std::string> submitted_;
-    std::vector<std::string> removed_;
-    int submitCalls_ = 0;
-    int removeCalls_ = 0;
-    int loadedQueries_ = 0;
+    Asked asked_;
     int removesInFlight_ = 0;
-    int mostRemovesInFlight_ = 0;
-    bool lastRemoveWaited_ = false;
 };
 
 }  // namespace tessary::testing

@@ -20,43 +20,25 @@ class FaultyFileOperations final : public FileOperations {
     bool exists(const std::string& p) override { return real_.exists(p); }
     Result<plist::Bytes> readFile(const std::string& p) override { return real_.readFile(p); }
     Status writeFileAtomically(const std::string& p, const plist::Bytes& b) override {
-        if (auto e = failure(Op::Write, p)) {
-            return *e;
-        }
-        return real_.writeFileAtomically(p, b);
+        return unless(Op::Write, p, [&] { return real_.writeFileAtomically(p, b); });
     }
     Status setPermissions(const std::string& p, std::uint32_t mode) override {
-        if (auto e = failure(Op::SetPermissions, p)) {
-            return *e;
-        }
-        return real_.setPermissions(p, mode);
+        return unless(Op::SetPermissions, p, [&] { return real_.setPermissions(p, mode); });
     }
     Status createDirectory(const std::string& p, bool i, std::optional<std::uint32_t> m) override {
-        if (auto e = failure(Op::CreateDirectory, p)) {
-            return *e;
-        }
-        return real_.createDirectory(p, i, m);
+        return unless(Op::CreateDirectory, p, [&] { return real_.createDirectory(p, i, m); });
     }
     Status copyFile(const std::string& f, const std::string& t) override {
         return real_.copyFile(f, t);
     }
     Status moveItem(const std::string& f, const std::string& t) override {
-        if (auto e = failure(Op::Move, f)) {
-            return *e;
-        }
-        return real_.moveItem(f, t);
+        return unless(Op::Move, f, [&] { return real_.moveItem(f, t); });
     }
     Status replaceFile(const std::string& f, const std::string& t) override {
-        if (auto e = failure(Op::Move, t)) {
-            return *e;
-        }
-        return real_.replaceFile(f, t);
+        return unless(Op::Move, t, [&] { return real_.replaceFile(f, t); });
     }
     Status removeItem(const std::string& p) override {
-        if (auto e = failure(Op::Remove, p)) {
-            return *e;
-        }
-        return real_.removeItem(p);
+        return unless(Op::Remove, p, [&] { return real_.removeItem(p); });
     }
     Result<std::vector<std::string>> listDirectory(const std::string& p) override {
         return real_.listDirectory(p);
@@ -64,12 +46,13 @@ class FaultyFileOperations final : public FileOperations {
     Result<FileAttributes> attributes(const std::string& p) override { return real_.attributes(p); }
 
   private:
-    std::optional<Error> failure(Op op, const std::string& path) const {
+    // The failure chosen for `op`, or what `real` does.
+    template <typename Real>
+    Status unless(Op op, const std::string& path, const Real& real) {
         auto it = failures_.find(op);
-        if (it == failures_.end()) {
-            return std::nullopt;
-        }
-        return Error::posix(it->second, "Unable to touch '" + path + "'");
+        return it == failures_.end()
+                   ? real()
+                   : Status(Error::posix(it->second, "Unable to touch '" + path + "'"));
     }
     linux_backend::PosixFileOperations real_;
     std::map<Op, int> failures_;

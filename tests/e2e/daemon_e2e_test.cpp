@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "client/tessary_client.h"
+#include "support/process.h"
 #include "support/value_printer.h"
 
 namespace tessary {
@@ -23,6 +24,7 @@ using namespace std::chrono_literals;
 using plist::Dictionary;
 using plist::Value;
 namespace fs = std::filesystem;
+using testing::eventually;
 
 client::Reply ask(const std::string& command, Dictionary arguments = {}) {
     client::Request request{command, client::makeAuthorizationForm().value(), std::nullopt};
@@ -34,26 +36,8 @@ client::Reply ask(const std::string& command, Dictionary arguments = {}) {
     return reply.ok() ? reply.value() : client::Reply{};
 }
 
-std::string readAll(const std::string& path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-// Waits up to ten seconds for `condition`.
-bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 200 && !condition(); ++i) {
-        std::this_thread::sleep_for(50ms);
-    }
-    return condition();
-}
-
 std::string unitState(const std::string& label) {
-    FILE* p =
-        ::popen(("systemctl --user is-active " + label + ".service 2>/dev/null").c_str(), "r");
-    char buf[64] = {};
-    const std::size_t n = std::fread(buf, 1, sizeof buf - 1, p);
-    ::pclose(p);
-    return std::string(buf, n).substr(0, std::string(buf, n).find('\n'));
+    return testing::commandOutput("systemctl --user is-active " + label + ".service");
 }
 
 Value definitionOf(const std::string& label, Dictionary extra = {}) {
@@ -86,7 +70,7 @@ TEST(DaemonEndToEnd, ATransientServiceSurvivesALoadWithoutTheManager) {
     EXPECT_NE(std::find(enabled.array()->begin(), enabled.array()->end(), service),
               enabled.array()->end());
     EXPECT_EQ(unitState(label), "active");
-    EXPECT_NE(readAll("/run/tessaryd.syslog")
+    EXPECT_NE(testing::readFile("/run/tessaryd.syslog")
                   .find("WARNING: Unable to learn whether " + label + " is loaded; keeping it"),
               std::string::npos);
     EXPECT_EQ(ask("destroy", {{"service", service}}).returnCode, 0);

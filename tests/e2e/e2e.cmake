@@ -21,7 +21,7 @@ function(add_sandbox_test name timeout)
   set_tests_properties(${name} PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT ${timeout})
 endfunction()
 
-foreach(suite daemon lifecycle hostile)
+foreach(suite daemon lifecycle)
   add_executable(tessary_${suite}_e2e_tests ${CMAKE_CURRENT_SOURCE_DIR}/e2e/${suite}_e2e_test.cpp)
   target_include_directories(tessary_${suite}_e2e_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
   target_link_libraries(tessary_${suite}_e2e_tests PRIVATE
@@ -34,8 +34,6 @@ add_executable(tessary_load_client ${CMAKE_CURRENT_SOURCE_DIR}/e2e/load_client.c
 target_link_libraries(tessary_load_client PRIVATE tessary_client Threads::Threads)
 
 add_sandbox_test(e2e.daemon 300 COMMAND $<TARGET_FILE:tessary_daemon_e2e_tests>)
-# Hostile local users: decoding bombs, connection floods, clients that never read.
-add_sandbox_test(e2e.hostile 300 COMMAND $<TARGET_FILE:tessary_hostile_e2e_tests>)
 # The app's fate.
 add_sandbox_test(e2e.lifecycle 300 AS_SERVICE COMMAND $<TARGET_FILE:tessary_lifecycle_e2e_tests>)
 # It uses up root's inotify instances for a moment, which every process of

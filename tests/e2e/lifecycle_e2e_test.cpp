@@ -16,6 +16,7 @@
 
 #include "client/tessary_client.h"
 #include "plist/codec.h"
+#include "support/process.h"
 #include "support/value_printer.h"
 
 namespace tessary {
@@ -24,6 +25,8 @@ namespace {
 using namespace std::chrono_literals;
 using plist::Value;
 namespace fs = std::filesystem;
+using testing::commandOutput;
+using testing::eventually;
 
 constexpr const char* kSocket = "/run/com.orvane.tessaryd";
 constexpr const char* kPrefs = "/Library/Tessary/Setup/com.orvane.tessaryd.plist";
@@ -31,36 +34,10 @@ constexpr const char* kMarker = "/var/db/.TessarySetupDone";
 constexpr const char* kInstalled = "/Library/PrivilegedHelperTools/com.orvane.tessaryd";
 constexpr const char* kApp = "/Applications/Tessary.app";
 
-std::string run(const std::string& cmd) {
-    FILE* p = ::popen((cmd + " 2>/dev/null").c_str(), "r");
-    std::string out;
-    char buf[256];
-    std::size_t n = 0;
-    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) {
-        out.append(buf, n);
-    }
-    ::pclose(p);
-    while (!out.empty() && out.back() == '\n') {
-        out.pop_back();
-    }
-    return out;
-}
-
 int daemonPid() {
     const std::string pid =
-        run("systemctl --user show -p MainPID --value com.orvane.tessaryd.service");
+        commandOutput("systemctl --user show -p MainPID --value com.orvane.tessaryd.service");
     return pid.empty() ? 0 : std::stoi(pid);
-}
-
-bool eventually(const std::function<bool()>& condition, std::chrono::seconds limit = 20s) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(50ms);
-    }
-    return condition();
 }
 
 client::Reply ask(const std::string& command, plist::Dictionary arguments = {}) {
@@ -78,9 +55,7 @@ bool answers() {
 }
 
 plist::Value preferences() {
-    std::ifstream in(kPrefs, std::ios::binary);
-    const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    auto v = plist::decode(std::string_view(bytes));
+    auto v = plist::decode(std::string_view(testing::readFile(kPrefs)));
     return v.ok() ? v.value() : Value();
 }
 
@@ -108,7 +83,7 @@ TEST_F(Lifecycle, B_AbandonedPromotionEndsTheDaemonAndTheNextStartCleansUp) {
     ASSERT_EQ(ask("enable", {{"service", Value("com.example.idle")}}).returnCode, 0);
     ASSERT_EQ(ask("enable", {{"service", Value("com.example.probe")}}).returnCode, 0);
     fs::remove(kMarker);
-    run("systemctl --user restart com.orvane.tessaryd.service");
+    commandOutput("systemctl --user restart com.orvane.tessaryd.service");
     ASSERT_TRUE(eventually(answers));
     ASSERT_EQ(preferences().find("previouslyEnabledServices")->array()->size(), 2U);
     const int before = daemonPid();
@@ -128,17 +103,20 @@ TEST_F(Lifecycle, D_RemovedAppUninstallsTheDaemon) {
     // of all services that the first sign of removal begins has finished.
     ASSERT_EQ(ask("enable", {{"service", Value("com.example.inside")}}).returnCode, 0);
     ASSERT_EQ(ask("enable", {{"service", Value("com.example.probe")}}).returnCode, 0);
-    ASSERT_TRUE(eventually(
-        [] { return run("systemctl --user is-active com.example.inside.service") == "active"; }));
+    ASSERT_TRUE(eventually([] {
+        return commandOutput("systemctl --user is-active com.example.inside.service") == "active";
+    }));
     fs::remove_all(kApp);
 
     // Five seconds for a copy to come back, then the removal.
     EXPECT_TRUE(eventually([] { return !fs::exists(kInstalled); }, 30s));
     EXPECT_TRUE(eventually([] { return daemonPid() == 0; }, 30s));
-    EXPECT_TRUE(eventually(
-        [] { return run("systemctl --user is-active com.orvane.tessaryd.service") != "active"; }));
+    EXPECT_TRUE(eventually([] {
+        return commandOutput("systemctl --user is-active com.orvane.tessaryd.service") != "active";
+    }));
     for (const char* unit : {"com.example.inside.service", "com.example.probe.service"}) {
-        EXPECT_NE(run(std::string("systemctl --user is-active ") + unit), "active") << unit;
+        EXPECT_NE(commandOutput(std::string("systemctl --user is-active ") + unit), "active")
+            << unit;
     }
     EXPECT_FALSE(fs::exists("/Library/Application Support/Orvane/Tessary"));
     EXPECT_FALSE(fs::exists(kSocket));

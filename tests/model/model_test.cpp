@@ -13,12 +13,8 @@ using plist::Dictionary;
 using plist::Value;
 using testing::definition;
 
-Value args(std::initializer_list<const char*> a) {
-    Array out;
-    for (const char* s : a) {
-        out.emplace_back(s);
-    }
-    return Value(std::move(out));
+Value args(const std::vector<std::string>& a) {
+    return Value(plist::stringArray(a));
 }
 
 class ModelTest : public ::testing::Test {
@@ -92,8 +88,8 @@ TEST_F(ModelTest, PlaceholderJobsNeverReachTheServiceManager) {
     EXPECT_EQ(job->loaded(), Answer::Yes);
     job->submit();
     job->remove();
-    EXPECT_EQ(t.serviceManager.loadedQueries() + t.serviceManager.submitCalls() +
-                  t.serviceManager.removeCalls(),
+    EXPECT_EQ(t.serviceManager.asked().loadedQueries + t.serviceManager.asked().submitCalls +
+                  t.serviceManager.asked().removeCalls,
               0);
     EXPECT_TRUE(t.log.empty());
     s->setOn(true);
@@ -111,7 +107,7 @@ TEST_F(ModelTest, FailuresAreOneLineEach) {
                                  "SUBMIT: f", "ERROR: LodgeJob: Unit f.service has a bad setting",
                                  "REMOVE: f", "ERROR: WithdrawJob: No such job: f"}));
     EXPECT_EQ(t.log.entries()[1].level, LogLevel::Error);
-    EXPECT_TRUE(t.serviceManager.lastRemoveWaited());
+    EXPECT_TRUE(t.serviceManager.asked().lastRemoveWaited);
 }
 
 TEST_F(ModelTest, SharedAuthorizationIsMadeOnceAcrossThreadsAndRetriedAfterFailure) {
@@ -136,7 +132,7 @@ TEST_F(ModelTest, SharedAuthorizationIsMadeOnceAcrossThreadsAndRetriedAfterFailu
 // asks, and `stale` asks only of transient jobs.
 TEST_F(ModelTest, PredicatesAndTheQuestionsTheyAsk) {
     auto questions = [this] {
-        const int n = t.serviceManager.loadedQueries();
+        const int n = t.serviceManager.asked().loadedQueries;
         t.serviceManager.resetCounters();
         return n;
     };
@@ -168,7 +164,7 @@ TEST_F(ModelTest, PredicatesAndTheQuestionsTheyAsk) {
     EXPECT_FALSE(transient->started());
     EXPECT_EQ(transient->stale(), Answer::Unknown);
     transient->stop();
-    EXPECT_EQ(t.serviceManager.removeCalls(), 0);
+    EXPECT_EQ(t.serviceManager.asked().removeCalls, 0);
 }
 
 // No definition fills a component list, but the nesting rules hold for
@@ -190,11 +186,12 @@ TEST_F(ModelTest, ComponentRules) {
     EXPECT_TRUE(middle->stopable());  // off, and not needed by the switched-on outer
 
     outer->start();
-    EXPECT_EQ(t.serviceManager.submitted(), (std::vector<std::string>{"inner", "middle", "outer"}));
+    EXPECT_EQ(t.serviceManager.asked().submitted,
+              (std::vector<std::string>{"inner", "middle", "outer"}));
     EXPECT_EQ(outer->loaded(), Answer::Yes);
     t.serviceManager.resetCounters();
     outer->stop();
-    EXPECT_EQ(t.serviceManager.removed(), std::vector<std::string>{"outer"});
+    EXPECT_EQ(t.serviceManager.asked().removed, std::vector<std::string>{"outer"});
     EXPECT_EQ(t.serviceManager.loadedLabels(), (std::set<std::string>{"inner", "middle"}));
     EXPECT_EQ(outer->loaded(), Answer::No);
     EXPECT_EQ(middle->loaded(), Answer::Yes);
@@ -243,9 +240,9 @@ TEST_F(ModelTest, SleepFlagsAndTheServicesOwnAssertion) {
 TEST_F(ModelTest, StopMigrateAndResetOfAStartedService) {
     ServicePtr s = make(definition("r"));
     s->stop();  // nothing loaded: no removal
-    EXPECT_EQ(t.serviceManager.removeCalls(), 0);
+    EXPECT_EQ(t.serviceManager.asked().removeCalls, 0);
     s->migrate();  // removes without asking
-    EXPECT_EQ(t.serviceManager.removeCalls(), 1);
+    EXPECT_EQ(t.serviceManager.asked().removeCalls, 1);
 
     // Stopped, rebuilt without its overrides, and submitted again.
     prefs.setServiceEnabled("r", true);
@@ -257,7 +254,7 @@ TEST_F(ModelTest, StopMigrateAndResetOfAStartedService) {
     s->reset();
     // Whether it is started, whether its job is loaded before the removal,
     // and whether it is startable once rebuilt.
-    EXPECT_EQ(t.serviceManager.loadedQueries(), 3);
+    EXPECT_EQ(t.serviceManager.asked().loadedQueries, 3);
     EXPECT_NE(jobOf(s), old);
     EXPECT_FALSE(prefs.programArgumentsForServiceJob("r", "r"));
     EXPECT_EQ(*t.serviceManager.jobFor("r")->find("ProgramArguments"),

@@ -116,14 +116,7 @@ TEST(PlistCodec, RefusesWhatTheFormsCannotHold) {
     EXPECT_FALSE(encode(Value::date(Date{INT64_MAX}), Format::Xml).ok());
     EXPECT_FALSE(encode(Value(std::string("\xC0\xAF")), Format::Binary).ok());  // not UTF-8
 
-    std::string deepXml = "<plist version=\"1.0\">";
-    for (int i = 0; i < kMaxNesting + 2; ++i) {
-        deepXml += "<array>";
-    }
-    for (int i = 0; i < kMaxNesting + 2; ++i) {
-        deepXml += "</array>";
-    }
-    auto r = decodeText(deepXml + "</plist>");
+    auto r = decodeText(testing::deepXml(kMaxNesting + 2));
     ASSERT_FALSE(r.ok());
     EXPECT_NE(r.error().description.find("nested"), std::string::npos);
 }
@@ -183,7 +176,7 @@ TEST(PlistBudget, CountsSharedObjectsOncePerReference) {
     // Two references a level, 24 levels: 2^25 values out of under 200 bytes;
     // and a chain too deep for libplist's recursion.
     for (const std::string& hostile :
-         {HandMadeList::referenceBomb(24), HandMadeList::deepChain(40000)}) {
+         {HandMadeList::nested(24, 2), HandMadeList::nested(40000, 1)}) {
         auto refused = decode(std::string_view(hostile), kFileBudget);
         ASSERT_FALSE(refused.ok());
         EXPECT_NE(refused.error().description.find("more than"), std::string::npos);

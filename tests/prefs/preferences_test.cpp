@@ -16,12 +16,8 @@ using plist::Dictionary;
 using plist::Value;
 using testing::FaultyFileOperations;
 
-Value strings(std::initializer_list<const char*> labels) {
-    Array a;
-    for (const char* l : labels) {
-        a.emplace_back(l);
-    }
-    return Value(std::move(a));
+Value strings(const std::vector<std::string>& labels) {
+    return Value(plist::stringArray(labels));
 }
 
 class PreferencesTest : public ::testing::Test {
@@ -30,9 +26,10 @@ class PreferencesTest : public ::testing::Test {
         std::filesystem::create_directories(paths.setupDirectory());
     }
 
-    void store(const Dictionary& d, plist::Format f = plist::Format::Xml) {
+    void store(const Dictionary& d, plist::Format f = plist::Format::Xml, std::string at = "") {
         auto bytes = plist::encode(Value(d), f).value();
-        testing::writeFile(paths.preferencesFile(), std::string(bytes.begin(), bytes.end()));
+        testing::writeFile(at.empty() ? paths.preferencesFile() : at,
+                           std::string(bytes.begin(), bytes.end()));
     }
     Dictionary stored() {
         auto v = plist::decode(std::string_view(testing::readFile(paths.preferencesFile())));
@@ -167,8 +164,7 @@ class UpgradeTest : public PreferencesTest {
         std::filesystem::create_directories(paths.libraryDirectory() + "/Preferences");
     }
     void storeLegacy(const Dictionary& d) {
-        auto bytes = plist::encode(Value(d), plist::Format::Binary).value();
-        testing::writeFile(paths.legacyPreferencesFile(), std::string(bytes.begin(), bytes.end()));
+        store(d, plist::Format::Binary, paths.legacyPreferencesFile());
     }
 };
 

@@ -69,7 +69,7 @@ TEST_F(SupervisionTest, LoadingReportsEveryRejectedDefinition) {
     EXPECT_FALSE(supervisor.serviceWithLabel("com.example.dup")->on());
     EXPECT_EQ(*supervisor.serviceWithLabel("com.example.dup")->dictionary().find("n"),
               Value::integer(*first == "one.plist" ? 1 : 2));
-    EXPECT_EQ(t.serviceManager.submitCalls(), 0);  // loading starts nothing
+    EXPECT_EQ(t.serviceManager.asked().submitCalls, 0);  // loading starts nothing
 }
 
 TEST_F(SupervisionTest, DynamicServicesShareTheLabelsAndStaleOnesVanish) {
@@ -135,23 +135,23 @@ TEST_F(SupervisionTest, SyncStopsAndStartsByThePredicates) {
     supervisor.syncServices();
     EXPECT_EQ(t.serviceManager.loadedLabels(),
               (std::set<std::string>{"on-unloaded", "on-loaded", "sleeper"}));
-    EXPECT_EQ(t.serviceManager.removed(), (std::vector<std::string>{"off-loaded"}));
-    EXPECT_EQ(t.serviceManager.submitted(), (std::vector<std::string>{"on-unloaded"}));
+    EXPECT_EQ(t.serviceManager.asked().removed, (std::vector<std::string>{"off-loaded"}));
+    EXPECT_EQ(t.serviceManager.asked().submitted, (std::vector<std::string>{"on-unloaded"}));
 
     // A second pass changes nothing.
     t.serviceManager.resetCounters();
     supervisor.syncServices();
-    EXPECT_EQ(t.serviceManager.submitCalls() + t.serviceManager.removeCalls(), 0);
+    EXPECT_EQ(t.serviceManager.asked().submitCalls + t.serviceManager.asked().removeCalls, 0);
 
     // Will-sleep: the service that unloads on sleep is stopped and not
     // started again in the same pass; did-wake brings it back.
     supervisor.setDrowsy(true);
     supervisor.syncServices();
-    EXPECT_EQ(t.serviceManager.removed(), (std::vector<std::string>{"sleeper"}));
-    EXPECT_EQ(t.serviceManager.submitCalls(), 0);
+    EXPECT_EQ(t.serviceManager.asked().removed, (std::vector<std::string>{"sleeper"}));
+    EXPECT_EQ(t.serviceManager.asked().submitCalls, 0);
     supervisor.setDrowsy(false);
     supervisor.syncServices();
-    EXPECT_EQ(t.serviceManager.submitted(), (std::vector<std::string>{"sleeper"}));
+    EXPECT_EQ(t.serviceManager.asked().submitted, (std::vector<std::string>{"sleeper"}));
 }
 
 // A service's own sleep assertion is one while it is switched on, and stays
@@ -208,7 +208,7 @@ TEST_F(StopAllSupervisionTest, EveryStopRunsAtOnce) {
     const auto start = std::chrono::steady_clock::now();
     supervisor.stopAllServices();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1000));
-    EXPECT_EQ(t.serviceManager.mostRemovesInFlight(), 10);
+    EXPECT_EQ(t.serviceManager.asked().mostRemovesInFlight, 10);
     EXPECT_TRUE(t.serviceManager.loadedLabels().empty());
     EXPECT_FALSE(std::filesystem::exists(t.paths.setupDoneMarker()));
     EXPECT_TRUE(prefs.serviceIsEnabled("svc3"));  // the choices stay

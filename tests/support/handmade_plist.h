@@ -23,7 +23,6 @@ class HandMadeList {
     static std::string string(const std::string& bytes) {
         return sized(0x50, bytes.size()) + bytes;
     }
-    static std::string data(const std::string& bytes) { return sized(0x40, bytes.size()) + bytes; }
     std::string array(const std::vector<int>& refs) const {
         std::string out = sized(0xA0, refs.size());
         for (int r : refs) {
@@ -66,23 +65,14 @@ class HandMadeList {
         return out;
     }
 
-    // 2^(levels+1) - 1 values out of levels + 1 objects: each array refers
-    // twice to the next.
-    static std::string referenceBomb(int levels) {
+    // `levels` arrays, each referring `references` times to the next, over
+    // a string: with two references, 2^(levels+1) - 1 values out of
+    // levels + 1 objects (a reference bomb); with one, a deep chain.
+    static std::string nested(int levels, int references) {
         HandMadeList l;
         l.expect(static_cast<std::size_t>(levels) + 1);
         for (int i = 0; i < levels; ++i) {
-            l.add(l.array({i + 1, i + 1}));
-        }
-        l.add(string("x"));
-        return l.bytes();
-    }
-    // `levels` arrays, one in another.
-    static std::string deepChain(int levels) {
-        HandMadeList l;
-        l.expect(static_cast<std::size_t>(levels) + 1);
-        for (int i = 0; i < levels; ++i) {
-            l.add(l.array({i + 1}));
+            l.add(l.array(std::vector<int>(static_cast<std::size_t>(references), i + 1)));
         }
         l.add(string("x"));
         return l.bytes();

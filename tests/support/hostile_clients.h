@@ -28,8 +28,7 @@ class RawConnection {
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
         std::strncpy(addr.sun_path, socket.c_str(), sizeof addr.sun_path - 1);
-        connected_ =
-            fd_ >= 0 && ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+        (void)::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
     }
     ~RawConnection() {
         if (fd_ >= 0) {
@@ -39,14 +38,9 @@ class RawConnection {
     RawConnection(const RawConnection&) = delete;
     RawConnection& operator=(const RawConnection&) = delete;
 
-    bool connected() const { return connected_; }
-    int fd() const { return fd_; }
-    bool send(const std::string& bytes) const {
+    bool send(const plist::Bytes& bytes) const {
         return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
                static_cast<ssize_t>(bytes.size());
-    }
-    bool send(const plist::Bytes& bytes) const {
-        return send(std::string(bytes.begin(), bytes.end()));
     }
     // The next datagram within `wait`; none on timeout; empty at hang-up.
     std::optional<plist::Bytes> receive(std::chrono::milliseconds wait) const {
@@ -61,15 +55,9 @@ class RawConnection {
         buf.resize(static_cast<std::size_t>(n));
         return buf;
     }
-    // Whether the daemon has closed its end (nothing is read).
-    bool hungUp() const {
-        char c = 0;
-        return ::recv(fd_, &c, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
-    }
 
   private:
     int fd_;
-    bool connected_ = false;
 };
 
 // A child process running `body` with every id set to `uid`, and room for
@@ -142,12 +130,6 @@ class HostileChild {
     }
     pid_t pid() const { return pid_; }
 
-    // In the child: blocks until the parent calls end().
-    static void waitForRelease(int release) {
-        char c = 0;
-        while (::read(release, &c, 1) > 0) {
-        }
-    }
     static void say(int out, const std::string& line) {
         (void)::write(out, line.data(), line.size());
     }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -74,12 +75,31 @@ inline ProcessRun runProcess(const std::vector<std::string>& argv,
     return run;
 }
 
-// Waits up to five seconds for `path` to appear.
-inline bool appears(const std::string& path) {
-    for (int i = 0; i < 500 && !std::filesystem::exists(path); ++i) {
+// Polls `done` until it holds or `timeout` passes.
+inline bool eventually(const std::function<bool()>& done,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    for (auto end = std::chrono::steady_clock::now() + timeout; !done();) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return std::filesystem::exists(path);
+    return true;
+}
+
+// What `command` writes to its standard output, without its last newlines.
+inline std::string commandOutput(const std::string& command) {
+    FILE* p = ::popen((command + " 2>/dev/null").c_str(), "r");
+    std::string out;
+    char buf[256];
+    for (std::size_t n = 0; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) {
+        out.append(buf, n);
+    }
+    ::pclose(p);
+    while (!out.empty() && out.back() == '\n') {
+        out.pop_back();
+    }
+    return out;
 }
 
 // A dbus-daemon of our own configuration listening on `socket`: any name
@@ -97,7 +117,7 @@ inline bool startBusDaemon(pid_t& pid, const std::string& socket, bool anyUser =
     pid =
         spawnProcess({"/usr/bin/dbus-daemon", "--config-file=" + config, "--nofork", "--nopidfile"},
                      socket + ".log", prepare);
-    return appears(socket);
+    return eventually([&] { return std::filesystem::exists(socket); }, std::chrono::seconds(5));
 }
 
 }  // namespace tessary::testing

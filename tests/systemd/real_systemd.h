@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "platform/linux/sd_handles.h"
+#include "support/process.h"
 
 namespace tessary::testing {
 
@@ -77,18 +78,6 @@ class ManagerView {
     static constexpr const char* kService = "org.freedesktop.systemd1";
     linux_backend::SdBusPtr bus_;
 };
-
-// Polls `done` until it holds or `timeout` passes.
-inline bool eventually(const std::function<bool()>& done,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-    for (auto end = std::chrono::steady_clock::now() + timeout; !done();) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
 
 // Base of every test that needs the real manager: skipped when not root, not
 // inside with-systemd.sh (the machine's own manager is never touched) or when

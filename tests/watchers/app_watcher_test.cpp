@@ -55,6 +55,13 @@ class AppWatcherTest : public ::testing::Test {
         watcher->start();
     }
 
+    // The bundle deleted under a started watcher, and the event seen.
+    void startThenDelete() {
+        startWatcher();
+        removeBundle();
+        event(kFileEventDelete);
+    }
+
     void record(const std::string& what) {
         calls.push_back(what + "@" + std::to_string(queue.now() / 100ms));
     }
@@ -146,9 +153,7 @@ TEST_F(AppWatcherTest, AWatchThatCannotBeSetUpIsRetriedNotARemoval) {
 // executable last, is a replacement only once it is whole and still; never a
 // removal while something stands at the path.
 TEST_F(AppWatcherTest, ACopyStillArrivingIsWaitedFor) {
-    startWatcher();
-    removeBundle();
-    event(kFileEventDelete);
+    startThenDelete();
     queue.advance(1s);
     testing::writeFile(bundle + "/Contents/Info.plist", "info");
     queue.advance(4s);  // the delay ends with half a bundle in place
@@ -203,9 +208,7 @@ TEST_F(AppWatcherTest, MovedAwayIsARemovalEvenThoughTheWatchFollowsIt) {
 }
 
 TEST_F(AppWatcherTest, NewCopyWithinTheDelayIsAReplacement) {
-    startWatcher();
-    removeBundle();
-    event(kFileEventDelete);
+    startThenDelete();
     queue.advance(2s);
     putBundle("second build, longer");
     queue.advance(3s);
@@ -216,9 +219,7 @@ TEST_F(AppWatcherTest, NewCopyWithinTheDelayIsAReplacement) {
 }
 
 TEST_F(AppWatcherTest, CopyStillUnderTheLockWaitsForItsRelease) {
-    startWatcher();
-    removeBundle();
-    event(kFileEventDelete);
+    startThenDelete();
     queue.advance(1s);
     watcher->trovelDidTakeLock();
     EXPECT_FALSE(watcher->trovelHasLock());  // behind the operation in progress
@@ -245,9 +246,7 @@ TEST_F(AppWatcherTest, CopyStillUnderTheLockWaitsForItsRelease) {
 }
 
 TEST_F(AppWatcherTest, LockReleasedWhileTheBundleIsMissingIsARemoval) {
-    startWatcher();
-    removeBundle();
-    event(kFileEventDelete);
+    startThenDelete();
     queue.advance(1s);
     auto release = takeLock();
     queue.advance(1s);
@@ -262,9 +261,7 @@ TEST_F(AppWatcherTest, LockReleasedWhileTheBundleIsMissingIsARemoval) {
 }
 
 TEST_F(AppWatcherTest, NothingInPlaceWhenTheDelayEndsIsARemovalDespiteTheLock) {
-    startWatcher();
-    removeBundle();
-    event(kFileEventDelete);
+    startThenDelete();
     auto release = takeLock();
     queue.advance(5s);
     EXPECT_EQ(calls, (Calls{"will-change@0", "removed@50"}));
