@@ -25,11 +25,11 @@
 #include <vector>
 
 #include "client/tessary_client.h"
+#include "hostile_clients.h"
 #include "platform/linux/fs/file_bundle_info.h"
 #include "platform/linux/ipc/peer_identity.h"
 #include "platform/linux/sd_handles.h"
 #include "plist/codec.h"
-#include "support/hostile_clients.h"
 
 extern char** environ;
 

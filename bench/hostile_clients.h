@@ -1,4 +1,7 @@
 #pragma once
+// Hostile clients of the daemon's socket for the benchmark of root's requests
+// beside an unprivileged flood: a raw connection and a child process that
+// holds a user's identity.
 
 #include <fcntl.h>
 #include <grp.h>
