@@ -19,9 +19,12 @@
 
 #include "base/unique_fd.h"
 #include "client/tessary_client.h"
+#include "platform/linux/fs/posix_file_operations.h"
+#include "platform/linux/log/syslog_system_log.h"
 #include "platform/linux/polkit/polkit_authorization_service.h"
 #include "platform/paths.h"
 #include "plist/codec.h"
+#include "prefs/preferences.h"
 #include "terminal_authorization.h"
 #include "unit_states.h"
 
@@ -529,21 +532,16 @@ void printReadable(const Command& c, const plist::Value& result) {
 // The daemon's list does not tell them apart, and a front end offers
 // "destroy" for these only.
 std::optional<plist::Value> dynamicLabels() {
-    constexpr std::size_t kLimit = std::size_t{16} * 1024 * 1024;
-    tessary::UniqueFd fd(::open(tessary::Paths().preferencesFile().c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) {
+    const tessary::Paths paths;
+    if (::access(paths.preferencesFile().c_str(), R_OK) != 0) {
         return std::nullopt;
     }
-    const std::optional<plist::Bytes> bytes = readAtMost(fd.get(), kLimit);
-    if (!bytes) {
-        return std::nullopt;
-    }
-    auto preferences = plist::decode(std::span<const std::uint8_t>(*bytes));
-    if (!preferences) {
-        return std::nullopt;
-    }
+    tessary::linux_backend::PosixFileOperations files;
+    tessary::linux_backend::SyslogSystemLog log;
+    const tessary::TYSupervisorPreferences preferences(paths, files, log);
+    const std::optional<plist::Value> dynamic = preferences.dynamicServices();
     std::vector<std::string> labels;
-    for (const plist::Value& d : plist::arrayOf(preferences.value().find("dynamicServices"))) {
+    for (const plist::Value& d : plist::arrayOf(dynamic ? &*dynamic : nullptr)) {
         if (const plist::Value* label = d.find("Label"); label != nullptr && label->isString()) {
             labels.push_back(*label->string());
         }

@@ -118,8 +118,10 @@ async function rowAction(frame, label, item) {
     await frame.waitForSelector(".pf-c-modal-box", { visible: true });
 }
 
-async function modalButton(frame, text) {
-    const [button] = await frame.$$(
+// The button TEXT of the dialog open in CONTEXT: the page's frame, or the
+// console's own page.
+async function modalButton(context, text) {
+    const [button] = await context.$$(
         `::-p-xpath(//div[contains(@class,"pf-c-modal-box")]//button[normalize-space()="${text}"])`);
     if (!button)
         throw new Error(`no "${text}" button in the dialog`);
@@ -129,6 +131,12 @@ async function modalButton(frame, text) {
 async function closeModal(frame) {
     await (await modalButton(frame, "Cancel")).click();
     await frame.waitForSelector(".pf-c-modal-box", { hidden: true });
+}
+
+// Types TEXT over all that the field SELECTOR holds, as a user would.
+async function replaceText(frame, selector, text) {
+    await frame.$eval(selector, el => { el.focus(); el.select(); });
+    await frame.type(selector, text);
 }
 
 const modalText = frame => frame.$eval(".pf-c-modal-box", el => el.innerText);
@@ -152,13 +160,7 @@ async function userWithoutAdministrativeAccess() {
 const indicatorSays = async text =>
     (await page.$eval("#super-user-indicator", el => el.innerText)).includes(text);
 
-async function shellDialogButton(text) {
-    const [button] = await page.$$(
-        `::-p-xpath(//div[contains(@class,'pf-c-modal-box')]//button[normalize-space()='${text}'])`);
-    if (!button)
-        throw new Error(`no "${text}" in the console's dialog`);
-    await button.click();
-}
+const shellDialogButton = async text => (await modalButton(page, text)).click();
 
 // An administrator starts in limited access (the console may have turned
 // administrative access on at login: it is turned off first), where the
@@ -209,8 +211,7 @@ async function overrideArguments(frame) {
     const before = mainPid(`${heartbeat}.service`);
     await rowAction(frame, heartbeat, "Program arguments…");
     await frame.waitForSelector("#tessary-argument-2", { visible: true });
-    await frame.click("#tessary-argument-2", { clickCount: 3 });
-    await frame.type("#tessary-argument-2", "2");
+    await replaceText(frame, "#tessary-argument-2", "2");
     await shot("program-arguments");
     await (await modalButton(frame, "Save")).click();
     await frame.waitForSelector(".pf-c-modal-box", { hidden: true, timeout: 20000 });
@@ -231,9 +232,7 @@ async function propertyListOverrides(frame) {
     const text = await modalText(frame);
     if (!text.includes("has no sockets"))
         throw new Error(`the sockets dialog says: ${text}`);
-    await frame.click("#tessary-plist", { clickCount: 3 });
-    await frame.evaluate(() => document.querySelector("#tessary-plist").select());
-    await frame.type("#tessary-plist", "<plist><array/></plist>");
+    await replaceText(frame, "#tessary-plist", "<plist><array/></plist>");
     await frame.waitForSelector("::-p-text(Sockets are a dictionary)", { visible: true });
     if (!(await frame.$eval("::-p-xpath(//button[normalize-space()='Save'])", el => el.disabled)))
         throw new Error("Save is offered for sockets that are not a dictionary");
@@ -275,8 +274,8 @@ async function createAndDestroy(frame) {
     await frame.click("#tessary-create");
     await frame.waitForSelector("#tessary-definition", { visible: true });
     // Typed: a definition without a label is refused at once.
-    await frame.evaluate(() => document.querySelector("#tessary-definition").select());
-    await frame.type("#tessary-definition", "<plist><dict><key>Program</key><string>/bin/true</string></dict></plist>");
+    await replaceText(frame, "#tessary-definition",
+                      "<plist><dict><key>Program</key><string>/bin/true</string></dict></plist>");
     await frame.waitForSelector("::-p-text(needs a \"Label\")", { visible: true });
     await shot("definition-refused");
     // Uploaded: the file's definition.
