@@ -17,6 +17,7 @@ struct FileAttributes {
     std::uint64_t inode = 0;
     std::uint64_t size = 0;
     std::int64_t modificationNanoseconds = 0;
+    std::int64_t changeNanoseconds = 0;  // the inode's change time
     std::uint32_t mode = 0;
     std::uint32_t owner = 0;
     std::uint32_t group = 0;

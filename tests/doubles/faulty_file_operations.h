@@ -12,13 +12,18 @@ namespace tessary::testing {
 // kernel would (a full disk, a read-only directory).
 class FaultyFileOperations final : public FileOperations {
   public:
-    enum class Op { Write, SetPermissions, CreateDirectory, Move, Remove };
+    enum class Op { Read, Write, SetPermissions, CreateDirectory, Move, Remove };
 
     void fail(Op op, int err = EIO) { failures_[op] = err; }
     void heal() { failures_.clear(); }
 
     bool exists(const std::string& p) override { return real_.exists(p); }
-    Result<plist::Bytes> readFile(const std::string& p) override { return real_.readFile(p); }
+    Result<plist::Bytes> readFile(const std::string& p) override {
+        if (auto it = failures_.find(Op::Read); it != failures_.end()) {
+            return Error::posix(it->second, "Unable to read '" + p + "'");
+        }
+        return real_.readFile(p);
+    }
     Status writeFileAtomically(const std::string& p, const plist::Bytes& b) override {
         return unless(Op::Write, p, [&] { return real_.writeFileAtomically(p, b); });
     }

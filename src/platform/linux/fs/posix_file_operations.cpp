@@ -272,6 +272,8 @@ Result<FileAttributes> PosixFileOperations::attributes(const std::string& path) 
     a.size = static_cast<std::uint64_t>(st.st_size);
     a.modificationNanoseconds =
         static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    a.changeNanoseconds =
+        static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
     a.mode = st.st_mode;
     a.owner = st.st_uid;
     a.group = st.st_gid;
