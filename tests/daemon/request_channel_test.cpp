@@ -119,12 +119,9 @@ TEST_F(RequestChannelTest, ArgumentsAreDecodedAndCheckedBeforeTheHandler) {
     latin1.add(HandMadeList::string("service"));
     latin1.add(HandMadeList::string("\xC0\xAF"));
     auto text = [](const plist::Bytes& b) { return std::string(b.begin(), b.end()); };
-    const std::vector<std::string> unreadable = {"xy",
-                                                 HandMadeList::nested(24, 2),
-                                                 HandMadeList::nested(20000, 1),
-                                                 latin1.bytes(),
-                                                 text(bytesOf(Value(plist::Array{}))),
-                                                 text(bytesOf(Value("service")))};
+    const std::vector<std::string> unreadable = {
+        "xy",           HandMadeList::nested(24, 2),          HandMadeList::nested(20000, 1),
+        latin1.bytes(), text(bytesOf(Value(plist::Array{}))), text(bytesOf(Value("service")))};
     for (const char* command : {"list", "status"}) {
         for (const std::string& arguments : unreadable) {
             reply =
