@@ -1,3 +1,6 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 
 #include "daemon_fixture.h"
@@ -90,7 +93,9 @@ TEST_F(AppFateTest, FailedSelfUpdateSaysWhyAndDemotes) {
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[0], "WARNING: Removal of com.orvane.tessaryd failed");
     EXPECT_NE(lines[1].find("Read-only file system"), std::string::npos);
-    EXPECT_FALSE(std::filesystem::exists(t.paths.stagedDaemon()));
+    // Demoted, and no copy is left behind.
+    EXPECT_TRUE(
+        std::filesystem::is_empty(std::filesystem::path(t.paths.installedDaemon()).parent_path()));
     EXPECT_TRUE(t.serviceManager.isLoaded("com.orvane.tessaryd.UninstallExtras"));
 
     // An app without a daemon inside: copying fails.
@@ -100,6 +105,56 @@ TEST_F(AppFateTest, FailedSelfUpdateSaysWhyAndDemotes) {
     supervisor.update();
     EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
     EXPECT_EQ(t.log.lines()[0], "WARNING: Copying of com.orvane.tessaryd failed");
+}
+
+// The daemon in the app becomes root's executable: it is taken only when
+// nobody but root could have changed it or the directories up to the app,
+// and it is installed root's alone, whatever its own mode.
+TEST_F(AppFateTest, SelfUpdateTakesOnlyADaemonNobodyButRootCouldChange) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to hand files to another user";
+    }
+    namespace fs = std::filesystem;
+    const std::string daemon = t.paths.appDaemonCopy();
+    const std::string services = fs::path(daemon).parent_path();
+    const std::string contents = t.paths.appBundle() + "/Contents";
+    struct Change {
+        std::string path;
+        mode_t mode;
+        uid_t owner;
+    };
+    auto update = [&](const Change& change) {
+        testing::writeFile(daemon, "new daemon");
+        testing::writeFile(t.paths.installedDaemon(), "old daemon");
+        for (const std::string& p : {daemon, services, contents, t.paths.appBundle()}) {
+            ASSERT_EQ(::chown(p.c_str(), 0, 0) | ::chmod(p.c_str(), 0755), 0);
+        }
+        ASSERT_EQ(::chown(change.path.c_str(), change.owner, change.owner) |
+                      ::chmod(change.path.c_str(), change.mode),
+                  0);
+        t.log.clear();
+        supervisor.update();
+        EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
+    };
+    const std::vector<Change> refused = {{daemon, 0757, 0},       {daemon, 0775, 0},
+                                         {daemon, 0755, 65534},   {services, 0777, 0},
+                                         {contents, 0755, 65534}, {t.paths.appBundle(), 0775, 0}};
+    for (const Change& change : refused) {
+        update(change);
+        EXPECT_EQ(t.log.countStartingWith("ERROR: Not installing " + daemon), 1U) << change.path;
+        EXPECT_EQ(t.log.countStartingWith("WARNING: Error updating com.orvane.tessaryd"), 1U);
+        EXPECT_FALSE(fs::exists(t.paths.installedDaemon()));  // demoted
+    }
+
+    update({daemon, 04700, 0});
+    EXPECT_EQ(testing::readFile(t.paths.installedDaemon()), "new daemon");
+    const auto installed = t.files.attributes(t.paths.installedDaemon()).value();
+    EXPECT_EQ(installed.mode & 07777, 0755U);
+    EXPECT_EQ(installed.owner, 0U);
+    EXPECT_EQ(
+        t.files.listDirectory(fs::path(t.paths.installedDaemon()).parent_path()).value().size(),
+        1U);
+    EXPECT_TRUE(t.serviceManager.isLoaded("com.orvane.tessaryd.killallTessaryApps"));
 }
 
 TEST_F(AppFateTest, NoticesAndWhenTheFirstIsHeldBack) {
