@@ -330,6 +330,24 @@ step_services() {
     ! tessaryctl list | grep -q "$dynamic" || fail "$dynamic is still listed after its destruction"
 }
 
+# The echo service needs no privilege and gets none: started by its socket, it
+# answers as the user "nobody".
+step_echo_unprivileged() {
+    local answer pid
+    tessaryctl enable com.orvane.tessary.echo
+    answer=$(machine python3 -c 'import socket
+s = socket.socket(socket.AF_UNIX)
+s.settimeout(10)
+s.connect("/run/tessary-echo.sock")
+s.sendall(b"ping\n")
+print(s.makefile().readline(), end="")') || fail "no answer from the echo service"
+    [[ "$answer" == "Tessary echo: ping" ]] || fail "the echo service answered: $answer"
+    pid=$(main_pid com.orvane.tessary.echo.service)
+    [[ "$pid" != 0 && "$(machine ps -o user= -p "$pid")" == nobody ]] ||
+        fail "the echo service runs as $(machine ps -o user= -p "$pid")"
+    tessaryctl disable com.orvane.tessary.echo
+}
+
 # What bash offers after WORDS... (the last one being completed), with the
 # completion the package installs.
 completions() {
@@ -572,6 +590,7 @@ first_version=$(dpkg-deb -f "$work/root$files/$first_deb" Version)
 
 step_install
 step_services
+step_echo_unprivileged
 step_completion
 step_administrator
 step_browser
