@@ -1,6 +1,7 @@
 // The daemon following the app's fate, run as a unit of a real systemd that
-// restarts it always: a promotion abandoned by its client, then the app
-// removed while a service runs from inside it (the daemon uninstalls itself).
+// restarts it always: a promotion abandoned by its client, one that another
+// user's malformed requests do not cut short, then the app removed while a
+// service runs from inside it (the daemon uninstalls itself).
 // A promotion that ends, the app replaced (the daemon updates itself) and the
 // notices run on the booted machine of tests/machine; a copy of the app that
 // arrives slowly, and a watch that cannot be set up at first, in the watcher's
