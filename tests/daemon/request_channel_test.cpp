@@ -57,19 +57,14 @@ TEST_F(RequestChannelTest, RefusalsAndTheirLines) {
     }
     EXPECT_FALSE(c.cancelled);
     EXPECT_EQ(command("frobnicate").code, 1);  // unknown: fails without a word
-    ASSERT_EQ(t.log.lines().size(), 1U);
-    EXPECT_EQ(t.log.countStartingWith("error deserializing request: "), 1U);
-    EXPECT_LT(t.log.lines()[0].size(), 1000U);
-    EXPECT_NE(t.log.lines()[0].find(" bytes)"), std::string::npos);
-    // Another user's are that user's own.
-    EXPECT_FALSE(request(connect(kClientPid + 1, 502), malformed[1]));
-    EXPECT_EQ(t.log.countStartingWith("error deserializing request: "), 2U);
+    ASSERT_EQ(t.log.countStartingWith("error deserializing request: "), 1U);
+    EXPECT_LT(t.log.lines()[0].size(), 600U);
+    EXPECT_TRUE(t.log.lines()[0].ends_with(" bytes)")) << t.log.lines()[0];
+    EXPECT_FALSE(request(connect(kClientPid + 1, 502), malformed[1]));  // another user's own
     t.queue.advance(std::chrono::minutes(1));
+    EXPECT_EQ(t.log.lines().size(), 3U);
     EXPECT_EQ(t.log.lines().back(),
               "WARNING: 3 more malformed requests from uid 501 were not logged");
-    EXPECT_EQ(t.log.lines().size(), 3U);
-    EXPECT_FALSE(request(c, malformed[1]));
-    EXPECT_EQ(t.log.countStartingWith("error deserializing request: "), 3U);
 }
 
 // Every command but "status" needs the administrator's right: without a

@@ -1,7 +1,6 @@
 // The daemon following the app's fate, run as a unit of a real systemd that
-// restarts it always: a promotion abandoned by its client, one that another
-// user's malformed requests do not cut short, then the app removed while a
-// service runs from inside it (the daemon uninstalls itself).
+// restarts it always: a promotion abandoned by its client, then the app
+// removed while a service runs from inside it (the daemon uninstalls itself).
 // A promotion that ends, the app replaced (the daemon updates itself) and the
 // notices run on the booted machine of tests/machine; a copy of the app that
 // arrives slowly, and a watch that cannot be set up at first, in the watcher's
@@ -10,7 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -96,44 +94,6 @@ TEST_F(Lifecycle, B_AbandonedPromotionEndsTheDaemonAndTheNextStartCleansUp) {
     EXPECT_EQ(prefs.find("activePromotionType"), nullptr);
     EXPECT_FALSE(fs::exists(kMarker));
     EXPECT_TRUE(fs::exists(kInstalled));
-}
-
-// Requests from uid 65534 whose arguments are an array or a string, sent
-// while root's promotion runs: each is refused on a connection that stays
-// open, and the daemon runs on, so the promotion ends as it was begun
-// instead of being undone by the next start.
-TEST_F(Lifecycle, C_ArgumentsThatAreNoDictionaryEndNeitherTheDaemonNorAPromotion) {
-    const std::string backend = "com.orvane.tessaryadmind.backend";
-    ASSERT_EQ(ask("create",
-                  {{"serviceDictionary",
-                    Value(plist::Dictionary{
-                        {"Label", Value(backend)},
-                        {"ProgramArguments", Value(plist::stringArray({"/bin/sleep", "1000"}))}})}})
-                  .returnCode,
-              0);
-    ASSERT_EQ(ask("enable", {{"service", Value("com.example.idle")}}).returnCode, 0);
-    const int before = daemonPid();
-    ASSERT_EQ(ask("beginPromotion").returnCode, 0);
-    const auto refused =
-        testing::runProcess({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                             "/usr/bin/python3", "-c", R"(import plistlib, socket
-s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-s.settimeout(10)
-s.connect("/run/com.orvane.tessaryd")
-for arguments in ([], "status", [{}], ""):
-    s.send(plistlib.dumps({"commandString": "status",
-        "argumentsData": plistlib.dumps(arguments, fmt=plistlib.FMT_BINARY)},
-        fmt=plistlib.FMT_BINARY))
-    print(plistlib.loads(s.recv(65536))["returnCodeInteger"], end=" ")
-)"});
-    EXPECT_EQ(refused.output, "1 1 1 1 ");
-    ASSERT_EQ(ask("endPromotion").returnCode, 0);
-    EXPECT_EQ(daemonPid(), before);
-    EXPECT_EQ(*ask("status").result->find("status"), Value("configured"));
-    const plist::Array enabled = *ask("list").result->find("enabledServices")->array();
-    for (const std::string& label : {backend, std::string("com.example.idle")}) {
-        EXPECT_NE(std::find(enabled.begin(), enabled.end(), Value(label)), enabled.end()) << label;
-    }
 }
 
 TEST_F(Lifecycle, D_RemovedAppUninstallsTheDaemon) {

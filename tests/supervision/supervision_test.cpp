@@ -44,12 +44,12 @@ TEST_F(SupervisionTest, LoadingReportsEveryRejectedDefinition) {
     testing::writeFile(builtIn("garbage.plist"), "<plist><dict><key>Label</key>");
     testing::writeFile(builtIn("array.plist"), "<plist version=\"1.0\"><array/></plist>");
     // Jobs run as root: a definition others may write is none.
-    t.addDefinition("others.plist", definition("com.example.others"));
-    t.addDefinition("group.plist", definition("com.example.group"));
-    std::filesystem::permissions(builtIn("others.plist"), std::filesystem::perms::others_write,
-                                 std::filesystem::perm_options::add);
-    std::filesystem::permissions(builtIn("group.plist"), std::filesystem::perms::group_write,
-                                 std::filesystem::perm_options::add);
+    namespace fs = std::filesystem;
+    for (const auto& [name, perm] : {std::pair{"others.plist", fs::perms::others_write},
+                                     std::pair{"group.plist", fs::perms::group_write}}) {
+        t.addDefinition(name, definition(name));
+        fs::permissions(builtIn(name), perm, fs::perm_options::add);
+    }
     prefs.setServiceEnabled("com.example.ok", true);
 
     supervisor.loadServices();
@@ -80,8 +80,7 @@ TEST_F(SupervisionTest, LoadingReportsEveryRejectedDefinition) {
     EXPECT_EQ(t.serviceManager.asked().submitCalls, 0);  // loading starts nothing
 
     // Nor is any from a directory others may write.
-    std::filesystem::permissions(t.paths.builtInDefinitions(), std::filesystem::perms::others_write,
-                                 std::filesystem::perm_options::add);
+    fs::permissions(t.paths.builtInDefinitions(), fs::perms::others_write, fs::perm_options::add);
     t.log.clear();
     supervisor.loadServices();
     EXPECT_TRUE(labels().empty());
