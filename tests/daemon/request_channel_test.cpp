@@ -58,12 +58,10 @@ TEST_F(RequestChannelTest, RefusalsAndTheirLines) {
     EXPECT_FALSE(c.cancelled);
     EXPECT_EQ(command("frobnicate").code, 1);  // unknown: fails without a word
     ASSERT_EQ(t.log.countStartingWith("error deserializing request: "), 1U);
-    EXPECT_LT(t.log.lines()[0].size(), 600U);
-    EXPECT_TRUE(t.log.lines()[0].ends_with(" bytes)")) << t.log.lines()[0];
+    EXPECT_TRUE(t.log.lines()[0].size() < 600 && t.log.lines()[0].ends_with(" bytes)"));
     EXPECT_FALSE(request(connect(kClientPid + 1, 502), malformed[1]));  // another user's own
     t.queue.advance(std::chrono::minutes(1));
-    EXPECT_EQ(t.log.lines().size(), 3U);
-    EXPECT_EQ(t.log.lines().back(),
+    EXPECT_EQ(t.log.lines().at(2),
               "WARNING: 3 more malformed requests from uid 501 were not logged");
 }
 
@@ -113,10 +111,9 @@ TEST_F(RequestChannelTest, ArgumentsAreDecodedAndCheckedBeforeTheHandler) {
     latin1.add(latin1.dictionary({{1, 2}}));
     latin1.add(HandMadeList::string("service"));
     latin1.add(HandMadeList::string("\xC0\xAF"));
-    auto text = [](const plist::Bytes& b) { return std::string(b.begin(), b.end()); };
     const std::vector<std::string> unreadable = {
-        "xy",           HandMadeList::nested(24, 2),          HandMadeList::nested(20000, 1),
-        latin1.bytes(), text(bytesOf(Value(plist::Array{}))), text(bytesOf(Value("service")))};
+        "xy",           HandMadeList::nested(24, 2), HandMadeList::nested(20000, 1),
+        latin1.bytes(), "<plist><array/></plist>",   "<plist><string>service</string></plist>"};
     for (const char* command : {"list", "status"}) {
         for (const std::string& arguments : unreadable) {
             reply =
@@ -129,8 +126,6 @@ TEST_F(RequestChannelTest, ArgumentsAreDecodedAndCheckedBeforeTheHandler) {
     EXPECT_EQ(t.log.countStartingWith("couldn't deserialize arguments dictionary"),
               2 * unreadable.size());
     EXPECT_EQ(t.log.lines().size(), 2 * unreadable.size());
-    EXPECT_FALSE(t.process.exitStatus);
-    EXPECT_FALSE(c.cancelled);
 }
 
 TEST_F(RequestChannelTest, PeerAndListenerEventsThatAreNotMessages) {

@@ -28,9 +28,6 @@ struct TestPlatform {
         : paths(root.path()), usedServiceManager(manager != nullptr ? *manager : serviceManager) {
         std::filesystem::create_directories(paths.setupDirectory());
         std::filesystem::create_directories(paths.builtInDefinitions());
-        // As an installed app's are, whatever the umask: the daemon takes no
-        // definition that others may change.
-        std::filesystem::permissions(paths.builtInDefinitions(), std::filesystem::perms(0755));
         std::filesystem::create_directories(
             std::filesystem::path(paths.setupDoneMarker()).parent_path());
     }
@@ -40,8 +37,6 @@ struct TestPlatform {
         auto bytes = plist::encode(definition, plist::Format::Xml).value();
         writeFile(paths.builtInDefinitions() + "/" + fileName,
                   std::string(bytes.begin(), bytes.end()));
-        std::filesystem::permissions(paths.builtInDefinitions() + "/" + fileName,
-                                     std::filesystem::perms(0644));
     }
 
     TempDir root;
