@@ -155,15 +155,12 @@ bool TYSupervisor::mayReportMalformedRequest(std::uint32_t uid) {
         ++held->second.count;
         return false;
     }
+    // The timer ends the user's minute: its entry, the timer included, goes.
     held->second.report = platform_.queue.after(kMalformedReportInterval, [this, uid] {
-        // The entry owns this timer: what the closure needs is copied first.
-        TYSupervisor* self = this;
-        const std::uint32_t user = uid;
-        auto entry = self->heldBackRequests_.extract(user);
+        auto entry = heldBackRequests_.extract(uid);
         if (!entry.empty() && entry.mapped().count > 0) {
-            self->platform_.log.warning(
-                "WARNING: %d more malformed requests from uid %d were not logged",
-                entry.mapped().count, user);
+            platform_.log.warning("WARNING: %d more malformed requests from uid %d were not logged",
+                                  entry.mapped().count, uid);
         }
     });
     if (!held->second.report) {
