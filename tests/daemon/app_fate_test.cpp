@@ -113,14 +113,11 @@ TEST_F(AppFateTest, SelfUpdateTakesOnlyADaemonNobodyButRootCouldChange) {
         GTEST_SKIP() << "needs root to hand files to another user";
     }
     const std::string daemon = t.paths.appDaemonCopy();
-    const std::string services = daemon.substr(0, daemon.rfind('/'));
+    const std::string dir = daemon.substr(0, daemon.rfind('/'));
+    const std::string app = t.paths.appBundle();
     const std::vector<std::tuple<std::string, mode_t, uid_t>> table = {
-        {daemon, 0757, 0},
-        {daemon, 0775, 0},
-        {daemon, 0755, 65534},
-        {services, 0777, 0},
-        {t.paths.appBundle(), 0755, 65534},
-        {daemon, 04700, 0}};
+        {daemon, 0757, 0}, {daemon, 0775, 0}, {daemon, 0755, 65534},
+        {dir, 0777, 0},    {app, 0775, 0},    {daemon, 04700, 0}};  // the last one is taken
     testing::writeFile(daemon, "new daemon");
     for (const auto& [path, mode, owner] : table) {
         ASSERT_EQ(::chown(path.c_str(), owner, owner) | ::chmod(path.c_str(), mode), 0);
