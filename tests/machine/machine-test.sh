@@ -330,6 +330,23 @@ step_services() {
     ! tessaryctl list | grep -q "$dynamic" || fail "$dynamic is still listed after its destruction"
 }
 
+# What bash offers after WORDS... (the last one being completed), with the
+# completion the package installs.
+completions() {
+    machine bash -c 'source /usr/share/bash-completion/bash_completion
+        source /usr/share/bash-completion/completions/tessaryctl
+        COMP_WORDS=("$@"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
+        COMP_LINE="$*"; COMP_POINT=${#COMP_LINE}
+        _tessaryctl; printf "%s\n" "${COMPREPLY[@]}"' - "$@"
+}
+
+step_completion() {
+    [[ "$(completions tessaryctl ena)" == enable ]] ||
+        fail "tessaryctl ena completes to: $(completions tessaryctl ena)"
+    [[ "$(completions tessaryctl --json disable com.orvane.tessary.he)" == "$heartbeat" ]] ||
+        fail "the labels complete to: $(completions tessaryctl --json disable com.orvane.tessary.he)"
+}
+
 # The echo service needs no privilege and gets none: started by its socket, it
 # answers as the user "nobody".
 step_echo_unprivileged() {
@@ -346,23 +363,6 @@ print(s.makefile().readline(), end="")') || fail "no answer from the echo servic
     [[ "$pid" != 0 && "$(machine ps -o user= -p "$pid")" == nobody ]] ||
         fail "the echo service runs as $(machine ps -o user= -p "$pid")"
     tessaryctl disable com.orvane.tessary.echo
-}
-
-# What bash offers after WORDS... (the last one being completed), with the
-# completion the package installs.
-completions() {
-    machine bash -c 'source /usr/share/bash-completion/bash_completion
-        source /usr/share/bash-completion/completions/tessaryctl
-        COMP_WORDS=("$@"); COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
-        COMP_LINE="$*"; COMP_POINT=${#COMP_LINE}
-        _tessaryctl; printf "%s\n" "${COMPREPLY[@]}"' - "$@"
-}
-
-step_completion() {
-    [[ "$(completions tessaryctl ena)" == enable ]] ||
-        fail "tessaryctl ena completes to: $(completions tessaryctl ena)"
-    [[ "$(completions tessaryctl --json disable com.orvane.tessary.he)" == "$heartbeat" ]] ||
-        fail "the labels complete to: $(completions tessaryctl --json disable com.orvane.tessary.he)"
 }
 
 # An administrator who is not root: tessaryctl asks for the password on the
@@ -590,8 +590,8 @@ first_version=$(dpkg-deb -f "$work/root$files/$first_deb" Version)
 
 step_install
 step_services
-step_echo_unprivileged
 step_completion
+step_echo_unprivileged
 step_administrator
 step_browser
 # TESSARY_MACHINE_UNTIL=browser ends the run here, for work on the page.
