@@ -58,6 +58,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "client/tessary_client.h"
 #include "platform/linux/fs/file_bundle_info.h"
@@ -279,24 +280,21 @@ Status makeDirectoryFor(FileOperations& files, const std::string& path) {
 }
 
 // Copies the daemon as a new file beside the target and renames it over the
-// target, executable before it gets the name.
+// target, executable before it gets the name. The copy's name is this
+// install's own: a running daemon updating itself from the same bundle at the
+// same moment (an upgrade replaces the bundle it watches) writes its own copy,
+// and whichever rename comes last leaves a whole executable.
 Status installExecutable(FileOperations& files, const std::string& from, const std::string& to) {
     if (Status s = makeDirectoryFor(files, to); !s) {
         return s;
     }
-    const std::string staging = parentOf(to) + "/.com.orvane.tessaryd.new";
-    if (files.exists(staging)) {
-        (void)files.removeItem(staging);  // left by an interrupted install
+    auto staged = files.copyBeside(from, to, kExecutableMode);
+    if (!staged) {
+        return staged.error();
     }
-    Status s = files.copyFile(from, staging);
-    if (s) {
-        s = files.setPermissions(staging, kExecutableMode);
-    }
-    if (s && ::rename(staging.c_str(), to.c_str()) != 0) {
-        s = Error::posix(errno, "Unable to install " + to);
-    }
+    Status s = files.replaceFile(staged.value(), to);
     if (!s) {
-        (void)files.removeItem(staging);
+        (void)files.removeItem(staged.value());
     }
     return s;
 }
@@ -442,6 +440,15 @@ Status uninstall(const Paths& paths) {
     struct stat st {};
     if (result && ::lstat(paths.requestSocket().c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
         (void)::unlink(paths.requestSocket().c_str());
+    }
+    // Copies of the daemon that an install or update killed halfway left.
+    const std::string helpers = parentOf(paths.installedDaemon());
+    const std::string copyPrefix = "." + std::string(kDaemonLabel) + ".";
+    const auto names = files.listDirectory(helpers);
+    for (const std::string& name : names ? names.value() : std::vector<std::string>{}) {
+        if (name.starts_with(copyPrefix)) {
+            (void)files.removeItem(helpers + "/" + name);
+        }
     }
     // The directories the install made, when nothing else is in them.
     for (const std::string& directory :

@@ -26,10 +26,6 @@ class Paths {
         "/Applications/Tessary.app/Contents/TessaryRoot/System/Library/LaunchDaemons";
     static constexpr std::string_view kInstalledDaemon =
         "/Library/PrivilegedHelperTools/com.orvane.tessaryd";
-    // Where a self-update puts the new executable before it takes the
-    // installed one's place.
-    static constexpr std::string_view kStagedDaemon =
-        "/Library/PrivilegedHelperTools/.com.orvane.tessaryd.new";
     static constexpr std::string_view kAppDaemonCopy =
         "/Applications/Tessary.app/Contents/Library/LaunchServices/com.orvane.tessaryd";
     static constexpr std::string_view kDaemonJobDefinition =
@@ -65,7 +61,6 @@ class Paths {
     std::string builtInDefinitions() const { return resolve(kBuiltInDefinitions); }
     std::string installedDaemon() const { return resolve(kInstalledDaemon); }
     std::string appDaemonCopy() const { return resolve(kAppDaemonCopy); }
-    std::string stagedDaemon() const { return resolve(kStagedDaemon); }
     std::string daemonJobDefinition() const { return resolve(kDaemonJobDefinition); }
     std::string supportDirectory() const { return resolve(kSupportDirectory); }
     std::string uninstallExtras() const { return resolve(kUninstallExtras); }

@@ -36,6 +36,10 @@ class FaultyFileOperations final : public FileOperations {
     Status copyFile(const std::string& f, const std::string& t) override {
         return real_.copyFile(f, t);
     }
+    Result<std::string> copyBeside(const std::string& f, const std::string& t,
+                                   std::uint32_t mode) override {
+        return real_.copyBeside(f, t, mode);
+    }
     Status moveItem(const std::string& f, const std::string& t) override {
         return unless(Op::Move, f, [&] { return real_.moveItem(f, t); });
     }
@@ -49,6 +53,7 @@ class FaultyFileOperations final : public FileOperations {
         return real_.listDirectory(p);
     }
     Result<FileAttributes> attributes(const std::string& p) override { return real_.attributes(p); }
+    bool writableOnlyByRoot(const std::string& p) override { return real_.writableOnlyByRoot(p); }
 
   private:
     // The failure chosen for `op`, or what `real` does.

@@ -433,6 +433,24 @@ step_completion() {
         fail "the labels complete to: $(completions tessaryctl --json disable com.orvane.tessary.he)"
 }
 
+# The echo service needs no privilege and gets none: started by its socket, it
+# answers as the user "nobody".
+step_echo_unprivileged() {
+    local answer pid
+    tessaryctl enable com.orvane.tessary.echo
+    answer=$(machine python3 -c 'import socket
+s = socket.socket(socket.AF_UNIX)
+s.settimeout(10)
+s.connect("/run/tessary-echo.sock")
+s.sendall(b"ping\n")
+print(s.makefile().readline(), end="")') || fail "no answer from the echo service"
+    [[ "$answer" == "Tessary echo: ping" ]] || fail "the echo service answered: $answer"
+    pid=$(main_pid com.orvane.tessary.echo.service)
+    [[ "$pid" != 0 && "$(machine ps -o user= -p "$pid")" == nobody ]] ||
+        fail "the echo service runs as $(machine ps -o user= -p "$pid")"
+    tessaryctl disable com.orvane.tessary.echo
+}
+
 # An administrator who is not root: tessaryctl asks for the password on the
 # terminal through polkit, as systemctl does, and the daemon then finds the
 # authorization polkit kept. A user who is not an administrator is told so.
@@ -671,6 +689,7 @@ step_install
 step_services
 step_job_format
 step_completion
+step_echo_unprivileged
 step_administrator
 step_browser
 # TESSARY_MACHINE_UNTIL=browser ends the run here, for work on the page.

@@ -238,6 +238,7 @@ class UnixConnection final : public MessageConnection,
     void cancel() override { close(); }
 
     std::int32_t peerPid() const override { return peer_.pid; }
+    std::uint32_t peerUid() const override { return peer_.uid; }
 
   private:
     enum class SendResult : std::uint8_t { Sent, Full, Failed };
