@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -95,6 +97,25 @@ TEST(ProcCodeSigning, ResolvesOnlyTheLiveProcessATokenNames) {
     me.startTime = *me.startTime + 1;
     EXPECT_NE(guestOf(me).status, 0);
     EXPECT_NE(signing.copyGuestWithAuditAttribute(attributeFor(nullptr)).status, 0);
+
+    // A sender that has ended but is not reaped yet still has its pid and
+    // start time; it is no code any more.
+    int pipeFds[2];
+    ASSERT_EQ(::pipe(pipeFds), 0);
+    Child sender;
+    if (sender.pid == 0) {
+        ::close(pipeFds[1]);
+        char c = 0;
+        (void)::read(pipeFds[0], &c, 1);
+        ::_exit(0);
+    }
+    const PeerIdentity identity = describeProcess(sender.pid, ::geteuid(), ::getegid());
+    EXPECT_EQ(guestOf(identity).status, 0);
+    ::close(pipeFds[1]);
+    siginfo_t info{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(sender.pid), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_NE(guestOf(identity).status, 0);
+    ::close(pipeFds[0]);
 }
 
 }  // namespace
