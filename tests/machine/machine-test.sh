@@ -27,8 +27,9 @@
 # The daemon's journal lines are printed when a step fails.
 #
 # Everything happens in a private mount and PID namespace, so that no mount
-# and no process outlives the script even when it is killed; on its way out
-# it stops the machine, unmounts and removes what it made.
+# and no process outlives the script even when it is killed, and in cgroups of
+# its own, so that machines of runs side by side keep apart; on its way out it
+# stops the machine, unmounts and removes what it made.
 #
 # Exit status 77 (CTest's "skipped") when not root, or when systemd-nspawn,
 # cpack's helpers or overlays are not there or the machine does not boot.
@@ -153,6 +154,7 @@ teardown() {
         wait_for 20 eval '! kill -0 -- "-$next_build_pid" 2>/dev/null'
     fi
     stop_machine
+    leave_own_cgroup 2>/dev/null
     if [[ -n "$work" ]]; then
         umount -R "$work" || umount -R -l "$work"
         rmdir "$work"
@@ -180,6 +182,43 @@ fail() {
     echo "machine-test: $*" >&2
     show_journal || true
     exit 1
+}
+
+# --- a cgroup of its own -----------------------------------------------------
+
+# With no systemd on this host, nspawn puts a machine in "payload" (and itself
+# in "supervisor") under the cgroup it was started from. Two machines started
+# from one cgroup, by two runs side by side, would share those: each machine's
+# systemd would count the other's processes as its own units' (a unit that is
+# not unloaded after its removal, a cgroup it cannot kill). The run moves into
+# a cgroup of its own in each hierarchy systemd uses, and takes it away at the
+# end.
+own_cgroups=()
+
+enter_own_cgroup() {
+    local hierarchy path mount cgroup cgroups unified=/sys/fs/cgroup/unified
+    [[ "$(stat -fc %T /sys/fs/cgroup)" == cgroup2fs ]] && unified=/sys/fs/cgroup
+    # Read whole before the first move: the file changes with it.
+    cgroups=$(</proc/self/cgroup)
+    while IFS=: read -r _ hierarchy path; do
+        case $hierarchy in
+        name=systemd) mount=/sys/fs/cgroup/systemd ;;
+        '') mount=$unified ;;
+        *) continue ;;
+        esac
+        [[ -w "$mount$path/cgroup.procs" ]] || continue
+        cgroup=$(mktemp -d "$mount${path%/}/tessary-machine.XXXXXX") || continue
+        own_cgroups+=("$cgroup")
+        echo "$BASHPID" >"$cgroup/cgroup.procs" || continue
+    done <<<"$cgroups"
+}
+
+leave_own_cgroup() {
+    local cgroup
+    for cgroup in "${own_cgroups[@]}"; do
+        echo "$BASHPID" >"${cgroup%/*}/cgroup.procs"
+        find "$cgroup" -depth -type d -exec rmdir {} +
+    done
 }
 
 # --- the packages -----------------------------------------------------------
@@ -543,6 +582,7 @@ trap 'exit 143' TERM INT
 trap 'fail "line $LINENO: $BASH_COMMAND failed"' ERR
 started=$SECONDS
 
+enter_own_cgroup
 work=$(mktemp -d /tmp/tessary-machine.XXXXXX)
 mount -t tmpfs -o mode=0700 tmpfs "$work"
 # nspawn keeps its locks under /run/systemd/nspawn: keep them off the host.
