@@ -199,8 +199,11 @@ fail() {
 own_cgroups=()
 
 enter_own_cgroup() {
-    local hierarchy path mount cgroup cgroups unified=/sys/fs/cgroup/unified
+    local hierarchy path mount cgroup cgroups name unified=/sys/fs/cgroup/unified
     [[ "$(stat -fc %T /sys/fs/cgroup)" == cgroup2fs ]] && unified=/sys/fs/cgroup
+    # One name in every hierarchy: on a hybrid host nspawn takes its path
+    # from the unified one and makes the same in the systemd one.
+    name=$(mktemp -u tessary-machine.XXXXXXXX)
     # Read whole before the first move: the file changes with it.
     cgroups=$(</proc/self/cgroup)
     while IFS=: read -r _ hierarchy path; do
@@ -210,18 +213,30 @@ enter_own_cgroup() {
         *) continue ;;
         esac
         [[ -w "$mount$path/cgroup.procs" ]] || continue
-        cgroup=$(mktemp -d "$mount${path%/}/tessary-machine.XXXXXX") || continue
+        cgroup=$mount${path%/}/$name
+        mkdir "$cgroup" || continue
         own_cgroups+=("$cgroup")
         echo "$BASHPID" >"$cgroup/cgroup.procs" || continue
     done <<<"$cgroups"
 }
 
+# True once every cgroup of the run is gone.
+own_cgroups_removed() {
+    local cgroup gone=0
+    for cgroup in "${own_cgroups[@]}"; do
+        [[ ! -d "$cgroup" ]] || find "$cgroup" -depth -type d -exec rmdir {} + 2>/dev/null || gone=1
+    done
+    return "$gone"
+}
+
+# The machine's last processes may take a moment to be reaped (this script
+# is their PID 1), and a cgroup goes only once it is empty.
 leave_own_cgroup() {
     local cgroup
     for cgroup in "${own_cgroups[@]}"; do
         echo "$BASHPID" >"${cgroup%/*}/cgroup.procs"
-        find "$cgroup" -depth -type d -exec rmdir {} +
     done
+    wait_for 10 own_cgroups_removed
 }
 
 # --- the packages -----------------------------------------------------------
