@@ -17,10 +17,17 @@
 //     the daemon at boot: tessaryd-generator makes the daemon's unit from it at
 //     every boot, and from nothing when it is gone. Written after the
 //     executable, so that it never names a file that is not there yet.
-//  4. Installs the polkit action that the bundle carries
+//  4. Makes the directories that the daemon writes in but does not make at
+//     every start, when they are missing: /Library/Tessary (its
+//     preferences), /Library/Application Support/Orvane (its support
+//     directory) and /var/db (the setup-done marker). The daemon's unit lets
+//     it write there and nowhere else; a directory must exist for systemd to
+//     open it to the daemon, and the daemon itself may not make it under a
+//     read-only parent.
+//  5. Installs the polkit action that the bundle carries
 //     ("Contents/Resources/com.orvane.tessaryd.policy") unless one is installed
 //     already (the package's own copy).
-//  5. Unless --no-start: submits the job through the systemd backend, which
+//  6. Unless --no-start: submits the job through the systemd backend, which
 //     writes the unit into the manager's runtime unit directory and starts it
 //     ("OnDemand" false: Restart=always). A job the manager has loaded already
 //     (a second install, or the unit the generator made at boot) is restarted
@@ -36,9 +43,10 @@
 // definition file and the support directory are then removed, the manager is
 // made to re-run its generators (so that a unit made at boot goes with the
 // file) and the daemon's job is removed; last go its request socket and the
-// directories that held those files, when they are empty. The preferences
-// stay, as a demotion keeps them, and so does the polkit action, which the
-// package owns.
+// directories that held those files and the socket, when they are empty. The
+// preferences stay, as a demotion keeps them, and so does the polkit action,
+// which the package owns; so do /Library/Tessary and /var/db, which hold them
+// and the setup-done marker until the package is purged.
 //
 // --root makes every fixed path, the manager's socket and unit directory
 // included, relative to DIR; it is for tests. The bundle defaults to
@@ -311,6 +319,18 @@ Status installJobDefinition(FileOperations& files, const std::string& path,
     return s;
 }
 
+// The directories the daemon's sandbox opens to it, from the fixed paths.
+Status makeWritableDirectories(FileOperations& files, const Paths& paths) {
+    for (const std::string& directory :
+         {parentOf(paths.setupDirectory()), parentOf(paths.supportDirectory()),
+          parentOf(paths.setupDoneMarker())}) {
+        if (Status s = files.createDirectory(directory, true, kDirectoryMode); !s) {
+            return s;
+        }
+    }
+    return {};
+}
+
 Status installPolkitAction(FileOperations& files, const std::string& bundle,
                            const std::string& target) {
     if (files.exists(target)) {
@@ -365,6 +385,9 @@ Status install(const Paths& paths, const std::string& bundle, bool start) {
     }
     if (Status s = installJobDefinition(files, paths.daemonJobDefinition(), carried.value().bytes);
         !s) {
+        return s;
+    }
+    if (Status s = makeWritableDirectories(files, paths); !s) {
         return s;
     }
     if (Status s = installPolkitAction(files, bundle, paths.resolve(kPolkitAction)); !s) {
@@ -453,7 +476,8 @@ Status uninstall(const Paths& paths) {
     // The directories the install made, when nothing else is in them.
     for (const std::string& directory :
          {parentOf(paths.installedDaemon()), parentOf(paths.daemonJobDefinition()),
-          parentOf(paths.supportDirectory()), parentOf(parentOf(paths.supportDirectory()))}) {
+          parentOf(paths.supportDirectory()), parentOf(parentOf(paths.supportDirectory())),
+          parentOf(paths.requestSocket())}) {
         (void)::rmdir(directory.c_str());
     }
     return result;

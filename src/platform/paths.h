@@ -35,7 +35,9 @@ class Paths {
     static constexpr std::string_view kUninstallExtras = "/Library/Tessary/.UninstallExtras";
     static constexpr std::string_view kAppIconName = "AppIcon.icns";
     // Linux facilities.
-    static constexpr std::string_view kRequestSocket = "/run/com.orvane.tessaryd";
+    // The request socket sits in a directory of its own: the daemon's
+    // sandbox keeps /run read-only and lets it write only there.
+    static constexpr std::string_view kRequestSocket = "/run/tessaryd/com.orvane.tessaryd";
     static constexpr std::string_view kSystemdPrivateSocket = "/run/systemd/private";
     static constexpr std::string_view kSystemdUnitDirectory = "/run/systemd/system";
     // The project's helper commands (jobtool, syslog), which the clean-up jobs

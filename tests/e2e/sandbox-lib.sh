@@ -88,7 +88,7 @@ sandbox_app() {
 sandbox_wait_for_daemon() {
     local _
     for _ in $(seq 200); do
-        [[ -S /run/com.orvane.tessaryd ]] && return 0
+        [[ -S /run/tessaryd/com.orvane.tessaryd ]] && return 0
         sleep 0.05
     done
     return 1
