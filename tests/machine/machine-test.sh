@@ -305,7 +305,7 @@ step_install() {
 }
 
 step_services() {
-    local before
+    local before list
     tessaryctl enable "$heartbeat"
     service_runs "$heartbeat"
     heartbeat_runs_with /run/tessary-heartbeat 5
@@ -324,6 +324,15 @@ step_services() {
         fail "tessaryctl create did not name $dynamic"
     tessaryctl enable "$dynamic"
     service_runs "$dynamic"
+    # A label that can name no unit, stored on demand and switched on, spoils
+    # no other service's state.
+    sleeper_definition "x y" >"$work/root$files/invalid.plist"
+    tessaryctl create --force --file "$files/invalid.plist" >/dev/null 2>&1 &&
+        tessaryctl enable "x y" || fail "the label \"x y\" was not created and enabled"
+    list=$(tessaryctl --json list)
+    [[ "$list" == *"\"$dynamic\":\"running\""* && "$list" == *"\"$heartbeat\":\"running\""* &&
+        "$list" == *'"x y":"invalid"'* ]] || fail "the states beside \"x y\": $list"
+    tessaryctl destroy "x y" >/dev/null
     tessaryctl destroy "$dynamic" >/dev/null
     [[ "$(machine systemctl show -P LoadState "$dynamic.service")" == not-found ]] ||
         fail "$dynamic.service is still loaded after its destruction"
