@@ -129,10 +129,20 @@ TEST_F(TessaryctlTest, OneRequestCommandsAndTheirOutput) {
         << list.output;
     EXPECT_EQ(requests[0].find("argumentsData"), nullptr);
 
-    EXPECT_EQ(run({"enable", "a"}).exitCode, 1);
+    // A refusal that the list does not explain ("a" is listed) names the
+    // command; without the list, it says what a refusal can mean.
+    const auto refused = run({"enable", "a"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_EQ(refused.output,
+              "tessaryctl: the daemon refused \"enable\"; its journal may say why: journalctl -t "
+              "com.orvane.tessaryd\n");
     const auto unanswered = run({"--timeout", "0.2", "disable", "a"});
     EXPECT_EQ(unanswered.exitCode, 2);
     EXPECT_NE(unanswered.output.find("no reply"), std::string::npos) << unanswered.output;
+    silent = {"list"};
+    EXPECT_EQ(run({"--timeout", "0.2", "enable", "a"}).output,
+              "tessaryctl: the daemon refused \"enable\": not allowed, or no such service\n");
+    silent.clear();
 
     // A status that is not "configured" says what it means and what sets
     // the machine up; --json carries the word alone.
@@ -147,8 +157,8 @@ TEST_F(TessaryctlTest, OneRequestCommandsAndTheirOutput) {
     EXPECT_EQ(run({"demote"}).output, "");
     // A refusal is followed by the list, which tells what the client can
     // learn of it.
-    EXPECT_EQ(commands, (Strings{"list", "enable", "list", "disable", "status", "status",
-                                 "restoreServices", "demote"}));
+    EXPECT_EQ(commands, (Strings{"list", "enable", "list", "disable", "enable", "list", "status",
+                                 "status", "restoreServices", "demote"}));
 }
 
 // "--file -" takes the property list from standard input, as a program
