@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -65,6 +66,8 @@ struct Command {
     // The result key holding the value to show, for the override commands.
     std::string_view valueKey;
     Output output;
+    // What a refusal can mean besides a missing right.
+    std::string_view refusal = "";
 };
 
 // Every command the client offers as one request. "promote" is made of two
@@ -72,20 +75,27 @@ struct Command {
 constexpr std::array kCommands = {
     Command{"list", "list", false, false, "", false, false, "", Output::Services},
     Command{"status", "status", false, false, "", false, false, "", Output::Status},
-    Command{"enable", "enable", true, false, "", false, false, "", Output::Nothing},
-    Command{"disable", "disable", true, false, "", false, false, "", Output::Nothing},
-    Command{"reset", "reset", true, false, "", false, false, "", Output::Nothing},
+    Command{"enable", "enable", true, false, "", false, false, "", Output::Nothing,
+            "no such service"},
+    Command{"disable", "disable", true, false, "", false, false, "", Output::Nothing,
+            "no such service"},
+    Command{"reset", "reset", true, false, "", false, false, "", Output::Nothing,
+            "no such service"},
     Command{"program-arguments", "programArguments", true, true, "", false, true,
-            "programArguments", Output::ArgumentLines},
+            "programArguments", Output::ArgumentLines, "no such service or job"},
     Command{"sockets", "sockets", true, true, "sockets", false, false, "sockets",
-            Output::PropertyList},
+            Output::PropertyList, "no such service or job"},
     Command{"start-calendar-intervals", "startCalendarIntervals", true, true,
-            "startCalendarIntervals", false, false, "startCalendarIntervals", Output::PropertyList},
-    Command{"create", "create", false, false, "serviceDictionary", true, false, "", Output::Label},
-    Command{"destroy", "destroy", true, false, "", false, false, "", Output::Label},
+            "startCalendarIntervals", false, false, "startCalendarIntervals", Output::PropertyList,
+            "no such service or job"},
+    Command{"create", "create", false, false, "serviceDictionary", true, false, "", Output::Label,
+            "the definition has no Label, or its label is in use"},
+    Command{"destroy", "destroy", true, false, "", false, false, "", Output::Label,
+            "no such service"},
     Command{"begin-promotion", "beginPromotion", false, false, "", false, false, "",
             Output::Nothing},
-    Command{"end-promotion", "endPromotion", false, false, "", false, false, "", Output::Nothing},
+    Command{"end-promotion", "endPromotion", false, false, "", false, false, "", Output::Nothing,
+            "the machine could not be marked as set up"},
     Command{"restore-services", "restoreServices", false, false, "", false, false, "",
             Output::Labels},
     Command{"demote", "demote", false, false, "", false, false, "", Output::Nothing},
@@ -97,9 +107,11 @@ constexpr std::string_view kCheck = "check";
 
 constexpr const char* kNotAuthorized =
     "not authorized: run as root or authenticate as an administrator";
+constexpr const char* kDaemonJournal = "journalctl -t com.orvane.tessaryd";
 
 constexpr const char* kUsage =
     "usage: tessaryctl [--socket PATH] [--timeout SECONDS] [--json] [--no-ask-password] COMMAND\n"
+    "       tessaryctl --help | help\n"
     "\n"
     "commands:\n"
     "  list                              the services, whether each is enabled, and\n"
@@ -118,7 +130,8 @@ constexpr const char* kUsage =
     "  check --file PLIST                what the service PLIST describes becomes in\n"
     "                                    systemd, and what of it would differ or be\n"
     "                                    refused; asks nothing of the daemon\n"
-    "  create --file PLIST               add the service PLIST describes\n"
+    "  create --file PLIST [--force]     add the service PLIST describes; one that\n"
+    "                                    cannot run here only with --force\n"
     "                                    (--file -: read PLIST from standard input)\n"
     "  destroy SERVICE                   remove a service\n"
     "  promote -- COMMAND [ARG...]       begin a promotion, run COMMAND, and end the\n"
@@ -129,8 +142,9 @@ constexpr const char* kUsage =
     "                                    shows them\n"
     "  demote                            stop everything and uninstall the daemon\n"
     "\n"
-    "exit status: 0 success, 1 the daemon refused, 2 no daemon or no answer,\n"
-    "64 usage error; promote: COMMAND's status when it fails\n";
+    "exit status: 0 success, 1 refused (by the daemon, or a definition that cannot\n"
+    "run here), 2 no daemon or no answer, 64 usage error; promote: COMMAND's\n"
+    "status when it fails\n";
 
 struct Invocation {
     const Command* command = nullptr;
@@ -147,13 +161,21 @@ struct Invocation {
     bool logs = false;
     // check --file PLIST: translated here, without the daemon.
     bool check = false;
+    // create --force: also a definition that cannot run here.
+    bool force = false;
     bool mayAskPassword = true;
 };
 
-// Ends the program with a usage error.
+// Ends the program with a usage error: the error and where the usage is, so
+// that the error stays on the screen.
 [[noreturn]] void usageError(const std::string& message) {
-    (void)std::fprintf(stderr, "tessaryctl: %s\n%s", message.c_str(), kUsage);
+    (void)std::fprintf(stderr, "tessaryctl: %s\nTry 'tessaryctl --help'.\n", message.c_str());
     std::exit(kExitUsage);
+}
+
+[[noreturn]] void showUsage() {
+    (void)std::fputs(kUsage, stdout);
+    std::exit(std::fflush(stdout) == 0 ? kExitSuccess : kExitFailed);
 }
 
 std::chrono::milliseconds parseTimeout(const std::string& text) {
@@ -177,8 +199,7 @@ Invocation parseArguments(int argc, char** argv) {
             break;
         }
         if (arg == "-h" || arg == "--help") {
-            (void)std::fputs(kUsage, stdout);
-            std::exit(kExitSuccess);
+            showUsage();
         }
         if (arg.size() < 2 || arg[0] != '-') {
             positional.push_back(arg);
@@ -192,6 +213,10 @@ Invocation parseArguments(int argc, char** argv) {
         }
         if (name == "--no-ask-password" && eq == std::string::npos) {
             inv.mayAskPassword = false;
+            continue;
+        }
+        if (name == "--force" && eq == std::string::npos) {
+            inv.force = true;
             continue;
         }
         if (name != "--socket" && name != "--timeout" && name != "--job" && name != "--file") {
@@ -218,6 +243,12 @@ Invocation parseArguments(int argc, char** argv) {
 
     if (positional.empty()) {
         usageError("no command given");
+    }
+    if (positional[0] == "help") {
+        showUsage();
+    }
+    if (inv.force && positional[0] != "create") {
+        usageError("only create takes --force");
     }
     if (positional[0] == kLogs) {
         if (positional.size() != 2 || inv.job || inv.file || inv.arguments) {
@@ -489,30 +520,93 @@ int showLogs(const Invocation& inv) {
     return runAndWait(std::move(command));
 }
 
-// Sends one request and shows its result; the exit status.
-int perform(const Invocation& inv, const Command& command, const plist::Dictionary& args) {
+// One request to the daemon. Every request names its sender; commands that
+// need no right ignore it.
+tessary::Result<client::Reply> ask(const Invocation& inv, std::string_view command,
+                                   const plist::Dictionary& args) {
     client::Request request;
-    request.command = std::string(command.wire);
+    request.command = std::string(command);
     if (!args.empty()) {
         request.arguments = args;
     }
-    // Every request names its sender; commands that need no right ignore it.
     if (auto form = client::makeAuthorizationForm()) {
         request.authorizationForm = form.value();
     }
-    // The right is obtained before the request, as systemctl does: the
-    // daemon asks polkit without interaction and finds what polkit kept.
-    client::Right right = client::Right::Held;
-    if (command.wire != "status") {
-        right = client::obtainAdminRight(
-            tessary::linux_backend::PolkitAuthorizationOptions{}.actionId, inv.mayAskPassword);
-        if (right == client::Right::Refused) {
-            (void)std::fprintf(stderr, "tessaryctl: %s\n", kNotAuthorized);
+    return client::sendRequest(inv.socket, request, inv.timeout);
+}
+
+// Why the daemon refused the command, as far as the client can learn it: the
+// reason never travels. The daemon refuses "list" only to a caller without
+// the right, so the list, asked after the refusal, tells whether the right
+// was missing, and which services there are.
+std::string refusalOf(const Invocation& inv, const Command& c, const plist::Dictionary& args) {
+    const std::string refused = "the daemon refused \"" + std::string(c.name) + "\"";
+    if (c.wire == "status") {
+        // Open to every caller: it fails only when the daemon cannot tell
+        // which process asks.
+        return refused + ": it could not identify this process";
+    }
+    if (c.wire == "list") {
+        return kNotAuthorized;
+    }
+    auto list = ask(inv, "list", {});
+    if (!list) {
+        return refused + ": not allowed" + (c.refusal.empty() ? "" : ", or ") +
+               std::string(c.refusal);
+    }
+    if (list.value().returnCode != 0) {
+        return kNotAuthorized;
+    }
+    std::set<std::string> labels;
+    const plist::Value listed = list.value().result.value_or(plist::Value());
+    for (const char* key : {"enabledServices", "disabledServices"}) {
+        for (const plist::Value& label : plist::arrayOf(listed.find(key))) {
+            labels.insert(label.description());
+        }
+    }
+    if (inv.service && !labels.contains(*inv.service)) {
+        return "no service " + *inv.service + "; `tessaryctl list` shows them";
+    }
+    if (inv.job) {
+        return *inv.service + " has no job " + *inv.job;
+    }
+    if (auto it = args.find("serviceDictionary"); it != args.end()) {
+        const std::string* label = it->second.stringAt("Label");
+        if (label == nullptr) {
+            return "the definition has no Label string";
+        }
+        if (labels.contains(*label)) {
+            return "there is a service " + *label + " already";
+        }
+    }
+    return refused + "; its journal may say why: " + kDaemonJournal;
+}
+
+// Sends one request and shows its result; the exit status.
+int perform(const Invocation& inv, const Command& command, const plist::Dictionary& args) {
+    // A definition the daemon's backend would refuse to submit is stored all
+    // the same when created, as a service that can never run: only on demand.
+    std::optional<std::string> cannotRun;
+    if (auto it = args.find("serviceDictionary"); it != args.end()) {
+        cannotRun = client::jobRefusal(it->second);
+        if (cannotRun && !inv.force) {
+            (void)std::fprintf(stderr,
+                               "tessaryctl: not created, as it cannot run here: %s (--force "
+                               "creates it all the same)\n",
+                               cannotRun->c_str());
             return kExitFailed;
         }
     }
+    // The right is obtained before the request, as systemctl does: the
+    // daemon asks polkit without interaction and finds what polkit kept.
+    if (command.wire != "status" &&
+        client::obtainAdminRight(tessary::linux_backend::PolkitAuthorizationOptions{}.actionId,
+                                 inv.mayAskPassword) == client::Right::Refused) {
+        (void)std::fprintf(stderr, "tessaryctl: %s\n", kNotAuthorized);
+        return kExitFailed;
+    }
 
-    auto reply = client::sendRequest(inv.socket, request, inv.timeout);
+    auto reply = ask(inv, command.wire, args);
     if (!reply) {
         const tessary::Error& e = reply.error();
         (void)std::fprintf(stderr, "tessaryctl: %s\n", e.description.c_str());
@@ -522,15 +616,12 @@ int perform(const Invocation& inv, const Command& command, const plist::Dictiona
         return kExitUnreachable;
     }
     if (reply.value().returnCode != 0) {
-        // Why the daemon said no never travels; what the client knows is
-        // whether it held the right.
-        if (right != client::Right::Held) {
-            (void)std::fprintf(stderr, "tessaryctl: %s\n", kNotAuthorized);
-        } else {
-            (void)std::fprintf(stderr, "tessaryctl: the daemon refused \"%s\"\n",
-                               std::string(command.name).c_str());
-        }
+        (void)std::fprintf(stderr, "tessaryctl: %s\n", refusalOf(inv, command, args).c_str());
         return kExitFailed;
+    }
+    if (cannotRun) {
+        (void)std::fprintf(stderr, "tessaryctl: created, but it cannot run here: %s\n",
+                           cannotRun->c_str());
     }
     plist::Value result = reply.value().result.value_or(plist::Value());
     if (command.output == Output::Services) {

@@ -362,7 +362,7 @@ step_install() {
 }
 
 step_services() {
-    local before
+    local before list
     tessaryctl enable "$heartbeat"
     service_runs "$heartbeat"
     heartbeat_runs_with /run/tessary-heartbeat 5
@@ -381,19 +381,29 @@ step_services() {
         fail "tessaryctl create did not name $dynamic"
     tessaryctl enable "$dynamic"
     service_runs "$dynamic"
+    # A label that can name no unit, stored on demand and switched on, spoils
+    # no other service's state.
+    sleeper_definition "x y" >"$work/root$files/invalid.plist"
+    tessaryctl create --force --file "$files/invalid.plist" >/dev/null 2>&1 &&
+        tessaryctl enable "x y" || fail "the label \"x y\" was not created and enabled"
+    list=$(tessaryctl --json list)
+    [[ "$list" == *"\"$dynamic\":\"running\""* && "$list" == *"\"$heartbeat\":\"running\""* &&
+        "$list" == *'"x y":"invalid"'* ]] || fail "the states beside \"x y\": $list"
+    tessaryctl destroy "x y" >/dev/null
     tessaryctl destroy "$dynamic" >/dev/null
     [[ "$(machine systemctl show -P LoadState "$dynamic.service")" == not-found ]] ||
         fail "$dynamic.service is still loaded after its destruction"
     ! tessaryctl list | grep -q "$dynamic" || fail "$dynamic is still listed after its destruction"
 }
 
-# A service LABEL made of the property-list KEYS (XML), created and enabled
-# as a service author would.
+# A service LABEL made of the property-list KEYS (XML), created (with the
+# OPTIONs of create) and enabled as a service author would.
 create_and_enable() {
     local label=$1 keys=$2
+    shift 2
     printf '<?xml version="1.0" encoding="UTF-8"?>\n<plist version="1.0"><dict>
 <key>Label</key><string>%s</string>%s</dict></plist>\n' "$label" "$keys" >"$work/root$files/$label.plist"
-    tessaryctl create --file "$files/$label.plist" >/dev/null || fail "tessaryctl create $label failed"
+    tessaryctl create "$@" --file "$files/$label.plist" >/dev/null || fail "tessaryctl create $label failed"
     tessaryctl enable "$label" || fail "tessaryctl enable $label failed"
 }
 
@@ -458,9 +468,11 @@ print(" ".join(c.recv(64).decode().strip() for c in clients))') || fail "no echo
         <key>UserName</key><string>nobody</string>
         <key>StandardOutPath</key><string>/run/tessary-user.log</string>"
     wait_for 10 machine grep -qx nobody /run/tessary-user.log || fail "the user's job did not run as nobody"
+    # tessaryctl would not send it; forced, the daemon stores it and its
+    # backend refuses it.
     create_and_enable com.example.hostile "$(program /usr/bin/id -un)<key>RunAtLoad</key><true/>
         <key>StandardErrorPath</key><string>/run/job\</string>
-        <key>UserName</key><string>nobody</string>"
+        <key>UserName</key><string>nobody</string>" --force
     wait_for 10 eval "machine journalctl -q -t com.orvane.tessaryd | grep -q 'com.example.hostile: StandardErrorPath'" ||
         fail "no refusal of the hostile path in the journal"
     [[ "$(machine systemctl show -P LoadState com.example.hostile.service)" == not-found ]] ||
