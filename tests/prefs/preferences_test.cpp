@@ -127,7 +127,8 @@ TEST_F(PreferencesTest, DynamicServicesAndOverrides) {
 
 // Every read sees the file as it is on disk: one unchanged since it was
 // decoded is not read again, and any change (an edit in place of the same
-// size, even at once; a file renamed over it) is seen by the next read.
+// size, even at once, also of the store's own write; a file renamed over it)
+// is seen by the next read.
 TEST_F(PreferencesTest, ReadsSeeTheFileOnDiskAndDecodeOnlyChanges) {
     auto editInPlace = [&](const std::string& from, const std::string& to) {
         std::string text = testing::readFile(paths.preferencesFile());
@@ -147,6 +148,11 @@ TEST_F(PreferencesTest, ReadsSeeTheFileOnDiskAndDecodeOnlyChanges) {
     store({{"enabledServices", strings({"dd"})}}, plist::Format::Xml, paths.root() + "/new");
     std::filesystem::rename(paths.root() + "/new", paths.preferencesFile());
     EXPECT_TRUE(prefs.serviceIsEnabled("dd"));
+    // What the store wrote itself, changed by another at once, is the other's.
+    prefs.setServiceEnabled("ee", true);
+    editInPlace("ee", "ff");
+    EXPECT_TRUE(prefs.serviceIsEnabled("ff"));
+    EXPECT_FALSE(prefs.serviceIsEnabled("ee"));
 }
 
 // Every mutator on every kind of file is the fuzzer's; here, the line each
