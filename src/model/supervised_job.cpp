@@ -160,10 +160,15 @@ void TYSupervisedJob::setStartCalendarIntervals(const std::optional<Value>& inte
 }
 
 Answer TYSupervisedJob::loaded() const {
-    if (!programArguments()) {
+    // As programArguments() and label() say, from one reading of the
+    // dictionary: a pass asks this of every service.
+    const Value d = dictionary();
+    if (d.find(kProgramArguments) == nullptr && d.find(kProgram) == nullptr) {
         return Answer::Yes;
     }
-    return env().serviceManager.jobIsEnabled(label());
+    const std::string* l = d.stringAt(kLabel);
+    return env().serviceManager.jobIsEnabled(l != nullptr ? std::string_view(*l)
+                                                          : std::string_view());
 }
 
 void TYSupervisedJob::submit() const {
