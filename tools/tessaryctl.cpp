@@ -1,6 +1,7 @@
 // tessaryctl: the command-line client of tessaryd.
 
 #include <fcntl.h>
+#include <plist/plist.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -13,21 +14,22 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "base/utf8.h"
 #include "client/tessary_client.h"
 #include "job_check.h"
 #include "json_text.h"
 #include "platform/linux/fs/posix_file_operations.h"
-#include "platform/linux/log/syslog_system_log.h"
 #include "platform/linux/polkit/polkit_authorization_service.h"
 #include "platform/paths.h"
+#include "plist/budget.h"
 #include "plist/codec.h"
-#include "prefs/preferences.h"
 #include "terminal_authorization.h"
 #include "unit_states.h"
 
@@ -465,20 +467,42 @@ void printReadable(const Command& c, const plist::Value& result) {
 // The labels of the services created at run time, from the daemon's
 // preferences, which only root may read; nothing when they cannot be read.
 // The daemon's list does not tell them apart, and a front end offers
-// "destroy" for these only.
+// "destroy" for these only. The file holds every created service's whole
+// definition: only the labels are taken from libplist's reading of it, within
+// the codec's budget, without the values the rest would make.
 std::optional<plist::Value> dynamicLabels() {
     const tessary::Paths paths;
     if (::access(paths.preferencesFile().c_str(), R_OK) != 0) {
         return std::nullopt;
     }
     tessary::linux_backend::PosixFileOperations files;
-    tessary::linux_backend::SyslogSystemLog log;
-    const tessary::TYSupervisorPreferences preferences(paths, files, log);
-    const std::optional<plist::Value> dynamic = preferences.dynamicServices();
+    const auto bytes = files.readFile(paths.preferencesFile());
     std::vector<std::string> labels;
-    for (const plist::Value& d : plist::arrayOf(dynamic ? &*dynamic : nullptr)) {
-        if (const plist::Value* label = d.find("Label"); label != nullptr && label->isString()) {
-            labels.push_back(*label->string());
+    const std::string_view text =
+        bytes ? std::string_view(reinterpret_cast<const char*>(bytes.value().data()),
+                                 bytes.value().size())
+              : std::string_view();
+    plist_t raw = nullptr;
+    if (!text.empty() && plist::overBudget(text, plist::kFileBudget).empty()) {
+        plist_from_memory(text.data(), static_cast<std::uint32_t>(text.size()), &raw);
+    }
+    const std::unique_ptr<void, void (*)(plist_t)> root(raw, &plist_free);
+    const plist_t dynamic = plist_get_node_type(raw) == PLIST_DICT
+                                ? plist_dict_get_item(raw, "dynamicServices")
+                                : nullptr;
+    const std::uint32_t count =
+        plist_get_node_type(dynamic) == PLIST_ARRAY ? plist_array_get_size(dynamic) : 0;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const plist_t definition = plist_array_get_item(dynamic, i);
+        const plist_t label = plist_get_node_type(definition) == PLIST_DICT
+                                  ? plist_dict_get_item(definition, "Label")
+                                  : nullptr;
+        std::uint64_t length = 0;
+        const char* chars = plist_get_node_type(label) == PLIST_STRING
+                                ? plist_get_string_ptr(label, &length)
+                                : nullptr;
+        if (chars != nullptr && tessary::isValidUtf8(std::string_view(chars, length))) {
+            labels.emplace_back(chars, length);
         }
     }
     return plist::Value(plist::stringArray(labels));
