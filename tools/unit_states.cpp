@@ -113,15 +113,21 @@ std::map<std::string, std::string> unitStates(const std::vector<std::string>& la
             }
         }
     }
-    const auto stateOf = [&](const std::string& unit) {
+    // One name at a time in one buffer: a list of many services looks up
+    // four units for each.
+    std::string unit;
+    const std::string inactive = "inactive";
+    const auto stateOf = [&](const std::string& label,
+                             std::string_view suffix) -> const std::string& {
+        unit.assign(label).append(suffix);
         auto it = units->find(unit);
-        return it != units->end() ? it->second : std::string("inactive");
+        return it != units->end() ? it->second : inactive;
     };
     for (const std::string& label : valid) {
-        const std::string service = stateOf(label + ".service");
-        const std::string socket = stateOf(label + ".socket");
-        const std::string timer = stateOf(label + ".timer");
-        const std::string path = stateOf(label + ".path");
+        const std::string& service = stateOf(label, ".service");
+        const std::string& socket = stateOf(label, ".socket");
+        const std::string& timer = stateOf(label, ".timer");
+        const std::string& path = stateOf(label, ".path");
         std::string state = "stopped";
         if (service == "failed" || socket == "failed" || timer == "failed" || path == "failed") {
             state = "failed";
