@@ -22,8 +22,8 @@ echo "== the supervisor on the service-manager double"
 
 echo "== the backend and the supervisor on a real systemd"
 # shellcheck disable=SC2046
-bash "$here/tests/systemd/with-systemd.sh" "$build/bench/tessary_systemd_bench" \
-    $(json systemd.json)
+bash "$here/tests/systemd/with-systemd.sh" bash "$here/bench/machine-units.sh" \
+    "$build/bench/tessary_systemd_bench" $(json systemd.json)
 
 echo "== the daemon in the sandbox, unpinned"
 bash "$here/tests/systemd/with-systemd.sh" --private-run -- \

@@ -203,6 +203,9 @@ growth_rows("start-up to answering", lambda n: sampled("startup_us", n), "at 10:
 growth_rows("tessaryctl enable+disable", lambda n: sampled("switch_tessaryctl_us", n),
             "systemctl start+stop", lambda n: sampled("switch_systemctl_us", n),
             {100: (1.2, None), 1000: (1.5, None)})
+growth_rows("  the same, preferences in memory", lambda n: sampled("switch_memory_tessaryctl_us", n),
+            "systemctl start+stop", lambda n: sampled("switch_memory_systemctl_us", n),
+            {100: (1.2, None), 1000: (1.5, None)})
 growth_rows("tessaryctl --json list", lambda n: sampled("list_tessaryctl_us", n),
             "list-units --all --output=json", lambda n: sampled("list_systemctl_us", n),
             {1000: (2, None)})
