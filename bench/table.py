@@ -200,10 +200,10 @@ def growth_rows(figure, measure, base_name, base, targets):
 
 growth_rows("start-up to answering", lambda n: sampled("startup_us", n), "at 10:", None,
             {1000: (5, 300e3)})
-growth_rows("tessaryctl enable+disable", lambda n: sampled("switch_tessaryctl_us", n),
+growth_rows("enable+disable, prefs on disk", lambda n: sampled("switch_tessaryctl_us", n),
             "systemctl start+stop", lambda n: sampled("switch_systemctl_us", n),
             {100: (1.2, None), 1000: (1.5, None)})
-growth_rows("  the same, preferences in memory", lambda n: sampled("switch_memory_tessaryctl_us", n),
+growth_rows("enable+disable, prefs in memory", lambda n: sampled("switch_memory_tessaryctl_us", n),
             "systemctl start+stop", lambda n: sampled("switch_memory_systemctl_us", n),
             {100: (1.2, None), 1000: (1.5, None)})
 growth_rows("tessaryctl --json list", lambda n: sampled("list_tessaryctl_us", n),

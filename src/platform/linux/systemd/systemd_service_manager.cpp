@@ -108,7 +108,19 @@ Answer SystemdServiceManager::jobIsEnabled(std::string_view label) {
                 }
             }
         } else {
-            auto states = bus.unitStates(units);
+            // Off the main loop (the stop of all asks of every service at
+            // once) only the units the manager holds are asked about: one it
+            // does not hold and that has no file of ours is nobody's or
+            // another's, No either way, and a question by name would have the
+            // manager search every unit directory for it and keep an object.
+            auto states =
+                kept.value() == nullptr
+                    ? statesLoadingOnly(bus, units,
+                                        [this](const std::string& unit) {
+                                            return unitFileExists(options_.unitDirectory, unit) ||
+                                                   generatedUnit(options_, unit);
+                                        })
+                    : bus.unitStates(units);
             if (!states) {
                 failure = states.error();
             }

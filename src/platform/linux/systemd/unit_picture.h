@@ -27,8 +27,9 @@
 // in memory nor files) are answered by one lookup of the job's label, so
 // that a pass over many services costs little more than its one question.
 //
-// The picture is the main loop's: other threads (the stop of all) ask by
-// name as before, and their changes make the main loop take it anew.
+// The picture is the main loop's: other threads (the stop of all) ask the
+// manager about the units it holds, and by name those with a file in the
+// unit directory, and their changes make the main loop take it anew.
 
 #include <atomic>
 #include <cstdint>
