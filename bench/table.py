@@ -146,7 +146,9 @@ print_table(("figure", "mode", "median", "baseline", "ratio", "target", ""), row
 
 # Growth: each figure at 10, 100 and 1,000 services. The noise is half the
 # interquartile range of the runs (or the coefficient of variation of a
-# benchmark's repetitions) over the median.
+# benchmark's repetitions) over the median. A figure measured in rounds
+# beside its baseline has as its ratio the median of the rounds' own ratios,
+# which a load that changes during the run moves less than the medians'.
 SIZES = (10, 100, 1000)
 growth = {n: figures(f"growth/{n}/figures") for n in SIZES}
 
@@ -168,20 +170,32 @@ def benchmarked(name, n):
 
 
 def ms(us):
-    return "n/a" if us is None else f"{us / 1e3:.1f} ms"
+    if us is None:
+        return "n/a"
+    return f"{us / 1e3:.{3 if us < 1e3 else 2 if us < 1e4 else 1}f} ms"
 
 
 grows = []
 
 
-def growth_rows(figure, measure, base_name, base, targets):
+def paired_ratio(name, base_name, n):
+    ours, theirs = growth[n].get(name, []), growth[n].get(base_name, [])
+    if not ours or len(ours) != len(theirs):
+        return None
+    return statistics.median(a / b for a, b in zip(ours, theirs))
+
+
+def growth_rows(figure, measure, base_name, base, targets, pairs=None):
     """`base(n)`: the baseline (value, noise) at n, or None for the figure
-    at 10; `targets[n]`: (ratio, absolute µs or None) the figure must meet."""
+    at 10; `targets[n]`: (ratio, absolute µs or None) the figure must meet;
+    `pairs`: the names of the figure's and the baseline's rounds."""
     at10 = measure(10)[0]
     for n in SIZES:
         value, noise = measure(n)
         b, bnoise = base(n) if base else (at10, "")
         ratio = value / b if value is not None and b else None
+        if pairs and paired_ratio(*pairs, n) is not None:
+            ratio = paired_ratio(*pairs, n)
         growth_ratio = value / at10 if n == 1000 and value is not None and at10 else None
         verdict = ""
         target = ""
@@ -200,15 +214,16 @@ def growth_rows(figure, measure, base_name, base, targets):
 
 growth_rows("start-up to answering", lambda n: sampled("startup_us", n), "at 10:", None,
             {1000: (5, 300e3)})
-growth_rows("enable+disable, prefs on disk", lambda n: sampled("switch_tessaryctl_us", n),
-            "systemctl start+stop", lambda n: sampled("switch_systemctl_us", n),
-            {100: (1.2, None), 1000: (1.5, None)})
-growth_rows("enable+disable, prefs in memory", lambda n: sampled("switch_memory_tessaryctl_us", n),
-            "systemctl start+stop", lambda n: sampled("switch_memory_systemctl_us", n),
-            {100: (1.2, None), 1000: (1.5, None)})
+for figure, ours, theirs in (
+        ("enable+disable, prefs in memory", "switch_memory_tessaryctl_us",
+         "switch_memory_systemctl_us"),
+        ("enable+disable, prefs on disk", "switch_tessaryctl_us", "switch_systemctl_us")):
+    growth_rows(figure, lambda n, o=ours: sampled(o, n), "systemctl start+stop",
+                lambda n, t=theirs: sampled(t, n), {100: (1.2, None), 1000: (1.5, None)},
+                (ours, theirs))
 growth_rows("tessaryctl --json list", lambda n: sampled("list_tessaryctl_us", n),
             "list-units --all --output=json", lambda n: sampled("list_systemctl_us", n),
-            {1000: (2, None)})
+            {1000: (2, None)}, ("list_tessaryctl_us", "list_systemctl_us"))
 growth_rows("sync (decision pass)", lambda n: benchmarked("BM_SyncGrowth", n), "at 10:", None,
             {1000: (3, None)})
 growth_rows("stop of all", lambda n: benchmarked("BM_StopAllGrowth", n), "at 10:", None, {})
