@@ -1,7 +1,6 @@
 // tessaryctl: the command-line client of tessaryd.
 
 #include <fcntl.h>
-#include <plist/plist.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -14,21 +13,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "base/utf8.h"
 #include "client/tessary_client.h"
 #include "job_check.h"
 #include "json_text.h"
 #include "platform/linux/fs/posix_file_operations.h"
 #include "platform/linux/polkit/polkit_authorization_service.h"
 #include "platform/paths.h"
-#include "plist/budget.h"
 #include "plist/codec.h"
 #include "terminal_authorization.h"
 #include "unit_states.h"
@@ -464,48 +460,62 @@ void printReadable(const Command& c, const plist::Value& result) {
     }
 }
 
-// The labels of the services created at run time, from the daemon's
-// preferences, which only root may read; nothing when they cannot be read.
-// The daemon's list does not tell them apart, and a front end offers
-// "destroy" for these only. The file holds every created service's whole
-// definition: only the labels are taken from libplist's reading of it, within
-// the codec's budget, without the values the rest would make.
-std::optional<plist::Value> dynamicLabels() {
+// The labels the app's own definitions give, taken as the daemon's loading
+// takes them: files named "*.plist" in the definitions directory, it and
+// they writable by root alone, that hold a dictionary with a "Label".
+// Nothing when one of them cannot be read.
+std::optional<std::set<std::string>> builtInLabels() {
     const tessary::Paths paths;
-    if (::access(paths.preferencesFile().c_str(), R_OK) != 0) {
-        return std::nullopt;
-    }
     tessary::linux_backend::PosixFileOperations files;
-    const auto bytes = files.readFile(paths.preferencesFile());
-    std::vector<std::string> labels;
-    const std::string_view text =
-        bytes ? std::string_view(reinterpret_cast<const char*>(bytes.value().data()),
-                                 bytes.value().size())
-              : std::string_view();
-    plist_t raw = nullptr;
-    if (!text.empty() && plist::overBudget(text, plist::kFileBudget).empty()) {
-        plist_from_memory(text.data(), static_cast<std::uint32_t>(text.size()), &raw);
+    const std::string directory = paths.builtInDefinitions();
+    std::set<std::string> labels;
+    if (!files.writableOnlyByRoot(directory)) {
+        return labels;
     }
-    const std::unique_ptr<void, void (*)(plist_t)> root(raw, &plist_free);
-    const plist_t dynamic = plist_get_node_type(raw) == PLIST_DICT
-                                ? plist_dict_get_item(raw, "dynamicServices")
-                                : nullptr;
-    const std::uint32_t count =
-        plist_get_node_type(dynamic) == PLIST_ARRAY ? plist_array_get_size(dynamic) : 0;
-    for (std::uint32_t i = 0; i < count; ++i) {
-        const plist_t definition = plist_array_get_item(dynamic, i);
-        const plist_t label = plist_get_node_type(definition) == PLIST_DICT
-                                  ? plist_dict_get_item(definition, "Label")
-                                  : nullptr;
-        std::uint64_t length = 0;
-        const char* chars = plist_get_node_type(label) == PLIST_STRING
-                                ? plist_get_string_ptr(label, &length)
-                                : nullptr;
-        if (chars != nullptr && tessary::isValidUtf8(std::string_view(chars, length))) {
-            labels.emplace_back(chars, length);
+    auto names = files.listDirectory(directory);
+    for (const std::string& name : names ? names.value() : std::vector<std::string>{}) {
+        const std::string path = directory + "/" + name;
+        const auto dot = name.find_last_of('.');
+        if (dot == std::string::npos || dot == 0 || name.substr(dot + 1) != "plist" ||
+            !files.writableOnlyByRoot(path)) {
+            continue;
+        }
+        auto bytes = files.readFile(path);
+        if (!bytes) {
+            return std::nullopt;
+        }
+        auto definition = plist::decode(std::span<const std::uint8_t>(bytes.value()));
+        if (const std::string* label = definition && definition.value().isDictionary()
+                                           ? definition.value().stringAt("Label")
+                                           : nullptr) {
+            labels.insert(*label);
         }
     }
-    return plist::Value(plist::stringArray(labels));
+    return labels;
+}
+
+// Of the listed `labels`, those of the services created at run time, for
+// root, who may read the daemon's preferences that keep them; nothing for
+// others. The daemon's list does not tell them apart, and a front end offers
+// "destroy" for these only. They are the services no definition of the app
+// names: the daemon loads the app's first, and a created service never takes
+// a label in use. So the preferences, which hold every created service's
+// whole definition, need not be read for their labels.
+std::optional<plist::Value> dynamicLabels(const std::vector<std::string>& labels) {
+    if (::access(tessary::Paths().preferencesFile().c_str(), R_OK) != 0) {
+        return std::nullopt;
+    }
+    const auto builtIn = builtInLabels();
+    if (!builtIn) {
+        return std::nullopt;
+    }
+    std::vector<std::string> created;
+    for (const std::string& label : labels) {
+        if (builtIn->count(label) == 0) {
+            created.push_back(label);
+        }
+    }
+    return plist::Value(plist::stringArray(created));
 }
 
 // The list with what the service manager says of each service, under
@@ -524,7 +534,7 @@ plist::Value withUnitStates(const plist::Value& list) {
     }
     plist::Dictionary out = plist::dictionaryOf(&list);
     out.insert_or_assign("states", plist::Value(std::move(states)));
-    if (auto dynamic = dynamicLabels()) {
+    if (auto dynamic = dynamicLabels(labels)) {
         out.insert_or_assign("dynamicServices", std::move(*dynamic));
     }
     return plist::Value(std::move(out));
