@@ -270,7 +270,7 @@ BENCHMARK(BM_SyncGrowth)
     ->Arg(100)
     ->Arg(1000)
     ->Unit(benchmark::kMillisecond)
-    ->Repetitions(5)
+    ->Repetitions(9)
     ->ReportAggregatesOnly()
     ->UseRealTime();
 

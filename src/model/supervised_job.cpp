@@ -63,7 +63,14 @@ TYSupervisedJob::TYSupervisedJob(TYSupervisedService& service, const Value& dict
     variables.insert_or_assign(kInstallPathPrefixVariable, Value(Paths::kInstallPathPrefix));
     m.insert_or_assign(kEnvironmentVariables, Value(std::move(variables)));
 
-    dictionary_.set(Value(std::move(m)));
+    label_ = job;
+    setDictionary(Value(std::move(m)));
+}
+
+void TYSupervisedJob::setDictionary(plist::Value dictionary) {
+    hasProgram_ =
+        dictionary.find(kProgramArguments) != nullptr || dictionary.find(kProgram) != nullptr;
+    dictionary_.set(std::move(dictionary));
 }
 
 ModelEnvironment& TYSupervisedJob::env() const {
@@ -72,12 +79,6 @@ ModelEnvironment& TYSupervisedJob::env() const {
 
 std::string TYSupervisedJob::serviceLabel() const {
     return service_.label();
-}
-
-std::string TYSupervisedJob::label() const {
-    const Value d = dictionary();
-    const std::string* l = d.stringAt(kLabel);
-    return l != nullptr ? *l : std::string();
 }
 
 std::optional<Value> TYSupervisedJob::programArguments() const {
@@ -160,15 +161,10 @@ void TYSupervisedJob::setStartCalendarIntervals(const std::optional<Value>& inte
 }
 
 Answer TYSupervisedJob::loaded() const {
-    // As programArguments() and label() say, from one reading of the
-    // dictionary: a pass asks this of every service.
-    const Value d = dictionary();
-    if (d.find(kProgramArguments) == nullptr && d.find(kProgram) == nullptr) {
+    if (!hasProgram_) {
         return Answer::Yes;
     }
-    const std::string* l = d.stringAt(kLabel);
-    return env().serviceManager.jobIsEnabled(l != nullptr ? std::string_view(*l)
-                                                          : std::string_view());
+    return env().serviceManager.jobIsEnabled(label_);
 }
 
 void TYSupervisedJob::submit() const {
