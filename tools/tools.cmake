@@ -12,12 +12,10 @@ add_executable(tessaryctl ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryctl.cpp
 target_link_libraries(tessaryctl PRIVATE tessary_client tessary_linux_backends tessary_prefs)
 
 install(TARGETS tessaryctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryctl.1
-        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/polkit-1/actions)
-install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/data/bash-completion/tessaryctl
-        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
+# Its man page and bash completion are installed by the package's debhelper
+# tools (debian/tessary.manpages, debian/tessary.bash-completion).
 
 # The installed product's version and the oldest the daemon works with, which
 # the daemon compares at start (an older product loads no service). An
