@@ -300,20 +300,28 @@ step_install() {
     [[ "$(preferred_version)" == "$first_version" ]] || fail "the daemon records version $(preferred_version)"
 }
 
-# With the debug symbols installed, a backtrace of the running daemon names
-# the project's functions and source lines; they go again with the symbols.
+# The daemon's backtrace, as gdb reads it from the running process.
+daemon_backtrace() {
+    machine gdb -batch -p "$(main_pid "$daemon_unit")" -ex bt 2>&1
+}
+
+# The daemon is stripped: with tessary-dbgsym installed, a backtrace of the
+# running daemon names the project's functions and source lines, and without
+# it, none.
 step_backtrace() {
     local trace
     machine apt-get install -y --no-install-recommends "$files/$first_dbgsym" >"$work/apt.log" 2>&1 ||
         fail "apt-get install $first_dbgsym failed: $(cat "$work/apt.log")"
-    trace=$(machine gdb -batch -p "$(main_pid "$daemon_unit")" -ex bt 2>&1) ||
-        fail "gdb could not read the daemon: $trace"
-    grep -q 'SdEventQueue::run' <<<"$trace" && grep -q 'src/daemon/main.cpp' <<<"$trace" ||
+    trace=$(daemon_backtrace) || fail "gdb could not read the daemon: $trace"
+    grep -q ' in main () at ./src/daemon/main.cpp:' <<<"$trace" ||
         fail "the daemon's backtrace names none of the project's functions: $trace"
     echo "machine-test: the running daemon's backtrace, with tessary-dbgsym:"
     grep '^#' <<<"$trace" | sed 's/^/    /'
     machine apt-get purge -y tessary-dbgsym >"$work/apt.log" 2>&1 ||
         fail "apt-get purge tessary-dbgsym failed: $(cat "$work/apt.log")"
+    trace=$(daemon_backtrace) || fail "gdb could not read the daemon: $trace"
+    ! grep -q 'src/daemon/main.cpp' <<<"$trace" ||
+        fail "the daemon's backtrace has its source lines without tessary-dbgsym: $trace"
 }
 
 step_services() {
