@@ -35,6 +35,16 @@ add_custom_command(OUTPUT ${web_dist}/index.js.gz ${web_dist}/index.css.gz
   DEPENDS ${web_installed} ${web_source}/build.mjs ${web_sources}
   COMMENT "Bundling the Cockpit page"
   VERBATIM)
-add_custom_target(tessary_web ALL DEPENDS ${web_dist}/index.js.gz)
+# debian/copyright names the npm packages the page bundles, with the lock
+# file's licences: checked at every build that bundles the page.
+set(web_copyright_checked ${TESSARY_WEB_DIR}/copyright.stamp)
+add_custom_command(OUTPUT ${web_copyright_checked}
+  COMMAND ${TESSARY_NODE} ${web_source}/check-copyright.mjs ${web_source}/package-lock.json
+          ${CMAKE_CURRENT_SOURCE_DIR}/debian/copyright ${web_copyright_checked}
+  DEPENDS ${web_source}/check-copyright.mjs ${web_source}/package-lock.json
+          ${CMAKE_CURRENT_SOURCE_DIR}/debian/copyright
+  COMMENT "Checking debian/copyright against the page's lock file"
+  VERBATIM)
+add_custom_target(tessary_web ALL DEPENDS ${web_dist}/index.js.gz ${web_copyright_checked})
 
 install(DIRECTORY ${web_dist}/ DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/cockpit/tessary)
