@@ -8,7 +8,8 @@ target_link_libraries(tessary_client PUBLIC tessary_peer_identity)
 
 add_executable(tessaryctl ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryctl.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/tools/terminal_authorization.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/tools/unit_states.cpp)
+  ${CMAKE_CURRENT_SOURCE_DIR}/tools/unit_states.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/tools/service_details.cpp)
 target_link_libraries(tessaryctl PRIVATE tessary_client tessary_linux_backends tessary_prefs)
 
 install(TARGETS tessaryctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
