@@ -14,7 +14,8 @@
 //   node build.mjs [--outdir DIR] [--modules DIR] [--pot FILE]
 //
 // --modules names the node_modules to resolve from, for builds that install
-// the packages outside this folder (the CMake build does).
+// the packages outside this folder (the CMake build does). With
+// TESSARY_WEB_DEBUG set in the environment the bundle is not minified.
 import { execFileSync } from "node:child_process";
 import fs from "node:fs";
 import { createRequire } from "node:module";
@@ -42,7 +43,7 @@ await esbuild.build({
     entryPoints: { index: path.join(here, "src/index.jsx") },
     outdir,
     bundle: true,
-    minify: true,
+    minify: !process.env.TESSARY_WEB_DEBUG,
     sourcemap: false,
     target: ["es2020"],
     format: "iife",

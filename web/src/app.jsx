@@ -206,6 +206,7 @@ export function App() {
                         {admin === false &&
                             <StackItem>
                                 <Alert
+                                    component="h2"
                                     id="tessary-needs-admin" variant="info" isInline
                                     title={_("Needs administrative access")}
                                 >
@@ -257,12 +258,14 @@ export function App() {
                         <Stack hasGutter>
                             {loadError &&
                                 <Alert
+                                    component="h2"
                                     id="tessary-load-error" variant="danger" isInline
                                     title={_("Cannot read the services")}
                                 >{loadError}
                                 </Alert>}
                             {alerts.map(a => (
                                 <Alert
+                                    component="h2"
                                     key={a.id} className="tessary-action-alert" variant="danger" isInline title={a.title}
                                     actionClose={<AlertActionCloseButton onClose={() => setAlerts(all => all.filter(x => x.id !== a.id))} />}
                                 >

@@ -36,7 +36,7 @@ const dateFormat = () => new Intl.DateTimeFormat(cockpit.language || undefined,
 function UnitsCard({ units }) {
     let body;
     if (units.error) {
-        body = <Alert variant="danger" isInline title={_("Cannot ask systemd for the units")}>{units.error}</Alert>;
+        body = <Alert component="h3" variant="danger" isInline title={_("Cannot ask systemd for the units")}>{units.error}</Alert>;
     } else if (units.value === null) {
         body = <Spinner size="lg" aria-label={_("Reading the units")} />;
     } else if (units.value.length === 0) {
@@ -130,7 +130,7 @@ function Setting({ label, setting, values }) {
 function JournalCard({ label, journal }) {
     let body;
     if (journal.error)
-        body = <Alert variant="danger" isInline title={_("Cannot read the journal")}>{journal.error}</Alert>;
+        body = <Alert component="h3" variant="danger" isInline title={_("Cannot read the journal")}>{journal.error}</Alert>;
     else if (journal.value === null)
         body = <Spinner size="lg" aria-label={_("Reading the journal")} />;
     else
@@ -270,7 +270,7 @@ export function DetailsPage({ label, service, generation, busy, onSwitch, onBack
                             <CardTitle component="h2">{_("Settings")}</CardTitle>
                             <CardBody>
                                 {show.error &&
-                                    <Alert variant="danger" isInline title={_("Cannot read the definition")}>
+                                    <Alert component="h3" variant="danger" isInline title={_("Cannot read the definition")}>
                                         {show.error}
                                     </Alert>}
                                 {show.value === null && !show.error && <Spinner size="lg" aria-label={_("Reading the definition")} />}

@@ -57,7 +57,7 @@ function ActionDialog({
         >
             {children}
             {error &&
-                <Alert variant="danger" isInline title={cockpit.format(_("$0 failed"), actionLabel)}>{error}</Alert>}
+                <Alert component="h2" variant="danger" isInline title={cockpit.format(_("$0 failed"), actionLabel)}>{error}</Alert>}
         </Modal>
     );
 }
@@ -129,7 +129,7 @@ export function ArgumentsDialog({ label }) {
             perform={() => tessaryctl.setProgramArguments(label, current)}
         >
             {loaded.error &&
-                <Alert variant="danger" isInline title={_("Cannot read the arguments")}>{loaded.error}</Alert>}
+                <Alert component="h2" variant="danger" isInline title={_("Cannot read the arguments")}>{loaded.error}</Alert>}
             {current === null && !loaded.error && <Spinner size="lg" aria-label={_("Reading the arguments")} />}
             {current !== null &&
                 <Form onSubmit={e => e.preventDefault()}>
@@ -159,7 +159,7 @@ export function ArgumentsDialog({ label }) {
                         onClick={() => setValues([...current, ""])}
                     >{_("Add argument")}
                     </Button>
-                    {empty && <Alert variant="warning" isInline title={_("A program is needed")} />}
+                    {empty && <Alert component="h2" variant="warning" isInline title={_("A program is needed")} />}
                 </Form>}
         </ActionDialog>
     );
@@ -207,7 +207,7 @@ export function PlistDialog({ kind, label }) {
             perform={() => spec.save(label, shown)}
         >
             {loaded.error &&
-                <Alert variant="danger" isInline title={_("Cannot read the current value")}>{loaded.error}</Alert>}
+                <Alert component="h2" variant="danger" isInline title={_("Cannot read the current value")}>{loaded.error}</Alert>}
             {shown === null && !loaded.error && <Spinner size="lg" aria-label={_("Reading the current value")} />}
             {shown !== null &&
                 <Form onSubmit={e => e.preventDefault()}>
@@ -247,7 +247,7 @@ function Findings({ check }) {
     if (check === null)
         return null;
     if (check.error)
-        return <Alert variant="warning" isInline title={_("The definition could not be checked")}>{check.error}</Alert>;
+        return <Alert component="h2" variant="warning" isInline title={_("The definition could not be checked")}>{check.error}</Alert>;
     if (check.result === undefined)
         return <Spinner size="md" aria-label={_("Checking the definition")} />;
     const { runs, units = [], findings = [] } = check.result;
@@ -260,8 +260,8 @@ function Findings({ check }) {
     return (
         <div id="tessary-findings" data-runs={runs ? "true" : "false"}>
             {runs
-                ? <Alert variant={findings.length ? "warning" : "success"} isInline isPlain title={title} />
-                : <Alert variant="danger" isInline isPlain title={_("This definition would be refused.")} />}
+                ? <Alert component="h2" variant={findings.length ? "warning" : "success"} isInline isPlain title={title} />
+                : <Alert component="h2" variant="danger" isInline isPlain title={_("This definition would be refused.")} />}
             {findings.length > 0 &&
                 <TableComposable aria-label={_("What the translation does with the keys")} variant="compact">
                     <Thead><Tr><Th>{_("Key")}</Th><Th>{_("Finding")}</Th><Th>{_("Reason")}</Th></Tr></Thead>

@@ -1,7 +1,12 @@
 // Reads property-list XML typed or uploaded into the page, so that a mistake
 // is shown beside the field before anything is sent. tessaryctl and the
 // daemon check again; this is for the person typing.
+// The XML is read with xmldom rather than the browser's DOMParser, whose
+// error document carries an inline style that Cockpit's content security
+// policy refuses (and reports as a console error) on every mistake typed.
 /* global cockpit */
+import { DOMParser } from "@xmldom/xmldom";
+
 const _ = cockpit.gettext;
 
 export class PlistError extends Error {}
@@ -60,13 +65,21 @@ function valueOf(el) {
 export function parsePlist(text) {
     if (!text.trim())
         throw new PlistError(_("Nothing was entered."));
-    const doc = new DOMParser().parseFromString(text, "application/xml");
-    const broken = doc.getElementsByTagName("parsererror");
-    if (broken.length > 0)
+    let doc;
+    try {
+        const parser = new DOMParser({
+            onError: (level, message) => {
+                if (level !== "warning")
+                    throw new Error(message);
+            },
+        });
+        doc = parser.parseFromString(text, "application/xml");
+    } catch (e) {
         throw new PlistError(cockpit.format(_("This is not well-formed XML: $0"),
-                                            broken[0].textContent.split("\n").filter(Boolean)
+                                            e.message.split("\n").filter(Boolean)
                                                     .slice(0, 2)
                                                     .join(" ")));
+    }
     const root = doc.documentElement;
     if (root.tagName !== "plist")
         throw new PlistError(_("The text must be a property list: <plist> … </plist>."));

@@ -70,7 +70,7 @@ function SetUpDialog() {
                     <Text component="li">{_("switches on again the services that were on before an update of the app, and starts every service that is switched on.")}</Text>
                 </Text>
             </TextContent>
-            {error && <Alert variant="danger" isInline title={_("The set-up failed")}>{error}</Alert>}
+            {error && <Alert component="h2" variant="danger" isInline title={_("The set-up failed")}>{error}</Alert>}
         </Modal>
     );
 }
@@ -82,7 +82,7 @@ export function StatusCard({ status, unreachable, admin }) {
     let body;
     if (unreachable) {
         body = (
-            <Alert id="tessary-unreachable" variant="warning" isInline title={_("The Tessary daemon is not running")}>
+            <Alert component="h3" id="tessary-unreachable" variant="warning" isInline title={_("The Tessary daemon is not running")}>
                 {unreachable}
             </Alert>
         );

@@ -1,30 +1,12 @@
 // The page's logic that runs without a browser: the property-list checks a
 // person meets while typing, and the list's filters, sort and URL form.
 import assert from "node:assert/strict";
-import { createRequire } from "node:module";
-import path from "node:path";
 import { test } from "node:test";
-import { fileURLToPath } from "node:url";
 
-const here = path.dirname(fileURLToPath(import.meta.url));
-const modules = process.env.TESSARY_WEB_MODULES || path.join(here, "..", "node_modules");
-const { DOMParser } = createRequire(path.join(modules, "x.js"))("@xmldom/xmldom");
-
-// What the page takes from Cockpit and the browser, untranslated.
+// What the page takes from Cockpit, untranslated.
 globalThis.cockpit = {
     gettext: text => text,
     format: (text, ...args) => text.replace(/\$(\d)/g, (_, i) => args[i]),
-};
-// A document that does not parse says so in a <parsererror>, as browsers do.
-globalThis.DOMParser = class {
-    parseFromString(text, type) {
-        try {
-            return new DOMParser().parseFromString(text, type);
-        } catch (e) {
-            return new DOMParser().parseFromString(`<parsererror>${e.message.replace(/[<&]/g, " ")}</parsererror>`,
-                                                   "application/xml");
-        }
-    }
 };
 
 const { problemWith } = await import("../src/plist-text.js");
