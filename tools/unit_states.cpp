@@ -19,25 +19,19 @@ struct Unit {
 
 constexpr auto kCallTimeout = std::chrono::seconds(5);
 
-// The load and active states of `names`, in their order, or none when the
-// manager could not be asked.
-std::optional<std::vector<Unit>> listUnits(sd_bus* bus, const std::vector<std::string>& names) {
+// The states of the units systemd has in memory, by name, or none when the
+// manager could not be asked. ListUnits answers without loading any unit,
+// where ListUnitsByNames loads each unit it is asked about: every unit
+// loaded just to answer "not found" is announced to each client that follows
+// systemd's signals (the Cockpit page does, and reads the list again then).
+std::optional<std::map<std::string, Unit>> listUnits(sd_bus* bus) {
     sd_bus_message* raw = nullptr;
-    if (sd_bus_message_new_method_call(
-            bus, &raw, "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
-            "org.freedesktop.systemd1.Manager", "ListUnitsByNames") < 0) {
+    if (sd_bus_message_new_method_call(bus, &raw, "org.freedesktop.systemd1",
+                                       "/org/freedesktop/systemd1",
+                                       "org.freedesktop.systemd1.Manager", "ListUnits") < 0) {
         return std::nullopt;
     }
     linux_backend::SdBusMessagePtr call(raw);
-    std::vector<const char*> strv;
-    strv.reserve(names.size() + 1);
-    for (const std::string& n : names) {
-        strv.push_back(n.c_str());
-    }
-    strv.push_back(nullptr);
-    if (sd_bus_message_append_strv(call.get(), const_cast<char**>(strv.data())) < 0) {
-        return std::nullopt;
-    }
     sd_bus_message* rawReply = nullptr;
     linux_backend::SdBusError error;
     if (sd_bus_call(bus, call.get(),
@@ -49,7 +43,7 @@ std::optional<std::vector<Unit>> listUnits(sd_bus* bus, const std::vector<std::s
     if (sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_ARRAY, "(ssssssouso)") <= 0) {
         return std::nullopt;
     }
-    std::vector<Unit> units;
+    std::map<std::string, Unit> units;
     const char* name = nullptr;
     const char* description = nullptr;
     const char* load = nullptr;
@@ -62,10 +56,7 @@ std::optional<std::vector<Unit>> listUnits(sd_bus* bus, const std::vector<std::s
     const char* jobPath = nullptr;
     while (sd_bus_message_read(reply.get(), "(ssssssouso)", &name, &description, &load, &active,
                                &sub, &following, &path, &jobId, &jobType, &jobPath) > 0) {
-        units.push_back({load, active});
-    }
-    if (units.size() != names.size()) {
-        return std::nullopt;
+        units.insert_or_assign(name, Unit{load, active});
     }
     return units;
 }
@@ -82,32 +73,31 @@ std::map<std::string, std::string> unitStates(const std::vector<std::string>& la
     if (labels.empty()) {
         return out;
     }
-    std::vector<std::string> names;
-    for (const std::string& label : labels) {
-        for (const char* suffix : {".service", ".socket", ".timer"}) {
-            names.push_back(label + suffix);
-        }
-    }
-    std::optional<std::vector<Unit>> units;
+    std::optional<std::map<std::string, Unit>> units;
     sd_bus* raw = nullptr;
     if (sd_bus_open_system(&raw) >= 0) {
         linux_backend::SdBusPtr bus(raw);
-        units = listUnits(bus.get(), names);
+        units = listUnits(bus.get());
     }
     if (!units && ::geteuid() == 0) {
         linux_backend::SdBusPtr bus;
         const std::string address = "unix:path=" + Paths("/").systemdPrivateSocket();
         if (linux_backend::openBus(address, false, kCallTimeout, bus) >= 0) {
-            units = listUnits(bus.get(), names);
+            units = listUnits(bus.get());
         }
     }
     if (!units) {
         return out;
     }
-    for (std::size_t i = 0; i < labels.size(); ++i) {
-        const Unit& service = (*units)[3 * i];
-        const Unit& socket = (*units)[3 * i + 1];
-        const Unit& timer = (*units)[3 * i + 2];
+    // A unit systemd does not have in memory is neither up nor failed.
+    const auto unitOf = [&units](const std::string& name) {
+        auto found = units->find(name);
+        return found != units->end() ? found->second : Unit{};
+    };
+    for (const std::string& label : labels) {
+        const Unit service = unitOf(label + ".service");
+        const Unit socket = unitOf(label + ".socket");
+        const Unit timer = unitOf(label + ".timer");
         std::string state = "stopped";
         if (service.activeState == "failed" || socket.activeState == "failed" ||
             timer.activeState == "failed") {
@@ -119,7 +109,7 @@ std::map<std::string, std::string> unitStates(const std::vector<std::string>& la
         } else if (isUp(timer)) {
             state = "waiting for its timer";
         }
-        out.emplace(labels[i], std::move(state));
+        out.emplace(label, std::move(state));
     }
     return out;
 }

@@ -149,6 +149,13 @@ export function App() {
         done: () => { setDialog(null); refresh() },
     }), [refresh]);
 
+    // PatternFly's modal hides the rest of the page from screen readers while
+    // it is open, and leaves it hidden when it goes away unclosed.
+    useEffect(() => {
+        if (dialog === null)
+            Array.from(document.body.children).forEach(el => el.removeAttribute("aria-hidden"));
+    }, [dialog]);
+
     const addAlert = useCallback((title, text) =>
         setAlerts(a => [...a, { id: ++alertNumber, title, text }]), []);
 
