@@ -12,6 +12,7 @@ packages=(
   dpkg-dev file psmisc bash-completion
   systemd-container
   cockpit-ws cockpit-bridge cockpit-system sudo chromium
+  gettext
 )
 
 missing=()

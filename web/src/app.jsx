@@ -181,11 +181,23 @@ export function App() {
         if (label === null && JSON.stringify(optionsOf(view)) !== JSON.stringify(location.options))
             setView(viewOf(location.options));
     }, [label, location.options]); // eslint-disable-line react-hooks/exhaustive-deps
+    // The URL follows the typing once it rests, so that a keystroke does not
+    // also move the console's location.
+    const urlTimer = useRef(null);
     const onView = useCallback(next => {
         setView(next);
-        cockpit.location.replace([], optionsOf(next));
+        window.clearTimeout(urlTimer.current);
+        urlTimer.current = window.setTimeout(() => cockpit.location.replace([], optionsOf(next)), 300);
     }, []);
-    const onOpen = useCallback(l => cockpit.location.go([l]), []);
+    // Opening a service writes the list's pending filter first, for Back.
+    const viewNow = useRef(view);
+    viewNow.current = view;
+    const onOpen = useCallback(l => {
+        window.clearTimeout(urlTimer.current);
+        cockpit.location.replace([], optionsOf(viewNow.current));
+        listOptions.current = optionsOf(viewNow.current);
+        cockpit.location.go([l]);
+    }, []);
     const onBack = useCallback(() => cockpit.location.go([], listOptions.current), []);
 
     let main;

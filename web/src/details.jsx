@@ -109,7 +109,7 @@ function Setting({ label, setting, values }) {
                     </StackItem>
                     {overridden &&
                         <StackItem className="tessary-definition-value">
-                            <Text component="small">{_("The definition's value:")}</Text>
+                            <div className="tessary-caption">{_("The definition's value:")}</div>
                             {definition === undefined ? <Text>{_("None")}</Text> : setting.shown(definition)}
                         </StackItem>}
                     <StackItem>
@@ -164,8 +164,10 @@ export function DetailsPage({ label, service, generation, busy, onSwitch, onBack
     const dialogs = useDialogs();
     const show = useRead(() => tessaryctl.show(label), label, generation);
     const units = useRead(() => unitsOf(label), label, generation);
-    const journal = useRead(() => journalOf(label), label, generation);
     const ready = show.value !== null && units.value !== null;
+    // The journal is read once the rest is there, not competing with it.
+    const journal = useRead(() => (ready ? journalOf(label) : new Promise(() => {})), label,
+                            `${generation}:${ready}`);
 
     // When the service's page was first whole on the screen, for the page's
     // responsiveness as the browser tests measure it.
@@ -275,14 +277,14 @@ export function DetailsPage({ label, service, generation, busy, onSwitch, onBack
                                     </Alert>}
                                 {show.value === null && !show.error && <Spinner size="lg" aria-label={_("Reading the definition")} />}
                                 {show.value !== null &&
-                                    <>
+                                    <Stack hasGutter>
                                         <TextContent>
                                             <Text>{_("A setting you change here overrides the definition's value until the service is reset.")}</Text>
                                         </TextContent>
                                         <DescriptionList id="tessary-settings" className="tessary-settings">
                                             {SETTINGS.map(s => <Setting key={s.key} label={label} setting={s} values={show.value[s.key]} />)}
                                         </DescriptionList>
-                                    </>}
+                                    </Stack>}
                             </CardBody>
                         </Card>
                     </StackItem>

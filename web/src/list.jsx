@@ -2,7 +2,7 @@
 // they let through, sorting by label or state, and each row's switch and
 // link to the service's own page.
 /* global cockpit */
-import React, { memo, useDeferredValue, useEffect, useLayoutEffect, useMemo } from "react";
+import React, { memo, useDeferredValue, useEffect, useLayoutEffect, useMemo, useRef } from "react";
 import {
     Button, Card, CardBody, CardTitle, EmptyState, EmptyStateBody, EmptyStatePrimary, Flex,
     FormSelect, FormSelectOption, Label, SearchInput, Spinner, Switch, Text, Title, Toolbar,
@@ -111,21 +111,34 @@ function sortProps(view, onView, column) {
 export function ServicesCard({ services, view, onView, busy, onSwitch, onOpen, onCreate }) {
     // Typing answers at once; the table follows when it has rendered.
     const shownView = useDeferredValue(view);
-    const shown = useMemo(() => (services === null ? [] : visibleServices(services, shownView)),
-                          [services, shownView]);
+    // A filter that lets the same rows through keeps the same array, and the
+    // table is left as it is.
+    const lastShown = useRef([]);
+    const shown = useMemo(() => {
+        const next = services === null ? [] : visibleServices(services, shownView);
+        const same = next.length === lastShown.current.length && next.every((s, i) => s === lastShown.current[i]);
+        lastShown.current = same ? lastShown.current : next;
+        return lastShown.current;
+    }, [services, shownView]);
 
     // When the filtered list was last on the screen, for the page's
     // responsiveness as the browser tests measure it.
     useLayoutEffect(() => {
         if (services !== null)
             window.tessaryFilteredAt = performance.now();
-    }, [services, shown]);
+    }, [services, shown, shownView]);
     useEffect(() => {
         if (services !== null && window.tessaryInteractiveAt === undefined) {
             window.tessaryInteractiveAt = performance.now();
             document.body.dataset.interactive = "true";
         }
     }, [services]);
+
+    // The rows only change with what is shown: typing re-renders the toolbar
+    // at once, and the table once the deferred view has caught up.
+    const rows = useMemo(() => shown.map(s => (
+        <ServiceRow key={s.label} service={s} busy={busy.has(s.label)} onSwitch={onSwitch} onOpen={onOpen} />
+    )), [shown, busy, onSwitch, onOpen]);
 
     let body;
     if (services === null) {
@@ -157,12 +170,7 @@ export function ServicesCard({ services, view, onView, busy, onSwitch, onOpen, o
                     </Tr>
                 </Thead>
                 <Tbody>
-                    {shown.map(s => (
-                        <ServiceRow
-                            key={s.label} service={s} busy={busy.has(s.label)}
-                            onSwitch={onSwitch} onOpen={onOpen}
-                        />
-                    ))}
+                    {rows}
                 </Tbody>
             </TableComposable>
         );
