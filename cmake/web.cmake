@@ -11,6 +11,8 @@ endif()
 include(GNUInstallDirs)
 find_program(TESSARY_NODE node REQUIRED)
 find_program(TESSARY_NPM npm REQUIRED)
+# The bundling extracts the page's strings with it (package gettext).
+find_program(TESSARY_XGETTEXT xgettext REQUIRED)
 
 set(TESSARY_WEB_DIR ${CMAKE_BINARY_DIR}/web)
 set(TESSARY_WEB_MODULES ${TESSARY_WEB_DIR}/node_modules)
