@@ -486,6 +486,10 @@ step_promotion_and_reboot() {
     tessaryctl promote -- true || fail "the promotion failed"
     setup_status_is configured
     service_runs "$backend"
+    # Linux has no backup set to exclude the marker from: nothing to warn of.
+    if machine journalctl --no-pager -q -t com.orvane.tessaryd | grep -F "exclude TessarySetupDone"; then
+        fail "a promotion warned of the backup set"
+    fi
 
     reboot_machine
     daemon_answers "/run/systemd/generator/$daemon_unit"

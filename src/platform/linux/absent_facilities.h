@@ -9,11 +9,13 @@ namespace tessary::linux_backend {
 // answers the way the role's callers treat a missing facility, and none
 // pretends to have done anything.
 
-// Linux keeps no system-wide list of paths excluded from backups.
+// Linux keeps no system-wide list of paths excluded from backups: there is
+// nothing to exclude a path from, so excluding one succeeds at doing
+// nothing, and no promotion warns of a failure that cannot happen here.
 class NoBackupExclusion final : public BackupExclusionService {
   public:
     int setExcluded(std::string_view /*path*/, bool /*exclude*/, bool /*byPath*/) override {
-        return 1;
+        return 0;
     }
 };
 

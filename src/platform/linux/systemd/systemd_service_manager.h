@@ -82,7 +82,21 @@ class SystemdServiceManager final : public ServiceManagerClient {
     Answer jobIsEnabled(std::string_view label) override;
 
   private:
-    class LabelGuard;
+    // Operations on one label run one at a time; different labels never wait
+    // for each other.
+    class LabelGuard {
+      public:
+        LabelGuard(SystemdServiceManager& manager, std::string label);
+        ~LabelGuard();
+        LabelGuard(const LabelGuard&) = delete;
+        LabelGuard& operator=(const LabelGuard&) = delete;
+
+      private:
+        SystemdServiceManager& manager_;
+        std::string label_;
+    };
+
+    static Error notAuthorized(std::string_view what);
     // The kept connection, on the thread that made the manager; null on any
     // other thread.
     Result<sd_bus*> keptConnection();
