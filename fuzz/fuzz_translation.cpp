@@ -1,7 +1,7 @@
 // Arbitrary job dictionaries through the unit translation. Whatever it
 // accepts must give a service whose argument vector and environment, read
 // back the way systemd reads them, are exactly the job's, and no value may
-// make a directive of its own.
+// make a directive of its own or swallow the next.
 #include <cstdint>
 #include <cstdlib>
 
@@ -19,6 +19,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto t = linux_backend::translateJob(job.value(), {});
     if (!t) {
         return 0;
+    }
+    // No line of any unit goes on in the next, which would hide a directive.
+    for (const auto& u : t.value().units) {
+        for (std::size_t end = u.text.find('\n'); end != std::string::npos;
+             end = u.text.find('\n', end + 1)) {
+            std::size_t slashes = 0;
+            while (slashes < end && u.text[end - 1 - slashes] == '\\') {
+                ++slashes;
+            }
+            if (slashes % 2 == 1) {
+                std::abort();
+            }
+        }
     }
     const auto unit = testing::UnitText::parse(t.value().units.at(0).text);
     if (!unit.all("!malformed").empty() || !unit.all("Service.ExecStartPre").empty() ||

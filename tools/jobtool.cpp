@@ -39,7 +39,6 @@ constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 64;
 
 // The same directory the daemon gives the backend (see src/daemon/main.cpp).
-constexpr const char* kHelperBinDirectory = "/usr/lib/tessary/bin";
 
 constexpr const char* kUsage = "usage: jobtool remove LABEL\n";
 
@@ -79,7 +78,8 @@ int removeJob(const std::string& label) {
     // clean-up job of a demotion removes that one too.
     SystemdServiceManager serviceManager(
         {std::string(paths.systemdPrivateSocket()), std::string(paths.systemdUnitDirectory()),
-         kHelperBinDirectory, nullptr, paths.systemdGeneratorDirectory(), kDaemonLabel},
+         std::string(Paths::kHelperBinDirectory), nullptr, paths.systemdGeneratorDirectory(),
+         kDaemonLabel},
         log);
     PolkitAuthorizationService authorizationService;
     // Root's own authorization; none for anyone else, which the backend

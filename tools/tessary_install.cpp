@@ -90,7 +90,6 @@ constexpr const char* kDaemonLabel = "com.orvane.tessaryd";
 constexpr const char* kUninstallExtrasLabel = "com.orvane.tessaryd.UninstallExtras";
 // The same directory the daemon gives the backend (see src/daemon/main.cpp),
 // so that the unit made here is the unit the daemon would make.
-constexpr const char* kHelperBinDirectory = "/usr/lib/tessary/bin";
 constexpr const char* kJobSection = ".tessary_job";
 constexpr const char* kBundlePolicy = "/Contents/Resources/com.orvane.tessaryd.policy";
 constexpr std::string_view kPolkitAction = "/usr/share/polkit-1/actions/com.orvane.tessaryd.policy";
@@ -231,10 +230,10 @@ class Manager {
 };
 
 SystemdServiceManager makeServiceManager(const Paths& paths, SystemLog& log) {
-    return SystemdServiceManager(
-        {paths.systemdPrivateSocket(), paths.systemdUnitDirectory(), kHelperBinDirectory, nullptr,
-         paths.systemdGeneratorDirectory(), kDaemonLabel},
-        log);
+    return SystemdServiceManager({paths.systemdPrivateSocket(), paths.systemdUnitDirectory(),
+                                  std::string(Paths::kHelperBinDirectory), nullptr,
+                                  paths.systemdGeneratorDirectory(), kDaemonLabel},
+                                 log);
 }
 
 // Root's own authorization; none for anyone else, which the backend refuses.
@@ -268,7 +267,8 @@ Result<CarriedJob> carriedJob(const std::string& daemonPath) {
         return failed("The job definition in " + daemonPath + " is not labelled " +
                       std::string(kDaemonLabel));
     }
-    if (auto units = translateJob(job.value(), {kHelperBinDirectory}); !units) {
+    if (auto units = translateJob(job.value(), {std::string(Paths::kHelperBinDirectory), {}, {}});
+        !units) {
         return units.error();
     }
     return CarriedJob{std::move(bytes), std::move(job).value()};

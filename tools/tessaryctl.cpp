@@ -19,6 +19,8 @@
 
 #include "base/unique_fd.h"
 #include "client/tessary_client.h"
+#include "job_check.h"
+#include "json_text.h"
 #include "platform/linux/fs/posix_file_operations.h"
 #include "platform/linux/log/syslog_system_log.h"
 #include "platform/linux/polkit/polkit_authorization_service.h"
@@ -93,6 +95,7 @@ constexpr std::array kCommands = {
 constexpr std::string_view kPromote = "promote";
 constexpr std::string_view kLogs = "logs";
 constexpr std::string_view kShow = "show";
+constexpr std::string_view kCheck = "check";
 
 constexpr const char* kNotAuthorized =
     "not authorized: run as root or authenticate as an administrator";
@@ -116,6 +119,9 @@ constexpr const char* kUsage =
     "                                    show, or from PLIST set, a job's sockets\n"
     "  start-calendar-intervals SERVICE [--job JOB] [--file PLIST]\n"
     "                                    show, or from PLIST set, a job's start times\n"
+    "  check --file PLIST                what the service PLIST describes becomes in\n"
+    "                                    systemd, and what of it would differ or be\n"
+    "                                    refused; asks nothing of the daemon\n"
     "  create --file PLIST               add the service PLIST describes\n"
     "                                    (--file -: read PLIST from standard input)\n"
     "  destroy SERVICE                   remove a service\n"
@@ -145,6 +151,8 @@ struct Invocation {
     bool logs = false;
     // show SERVICE: read from the daemon's files, without the daemon.
     bool show = false;
+    // check --file PLIST: translated here, without the daemon.
+    bool check = false;
     bool mayAskPassword = true;
 };
 
@@ -223,6 +231,13 @@ Invocation parseArguments(int argc, char** argv) {
         }
         inv.service = positional[1];
         (positional[0] == kLogs ? inv.logs : inv.show) = true;
+        return inv;
+    }
+    if (positional[0] == kCheck) {
+        if (positional.size() != 1 || !inv.file || inv.job || inv.arguments) {
+            usageError("check takes only --file PLIST");
+        }
+        inv.check = true;
         return inv;
     }
     if (positional[0] == kPromote) {
@@ -345,117 +360,6 @@ plist::Dictionary argumentsFor(const Invocation& inv) {
         args.insert_or_assign("programArguments", plist::Value(plist::stringArray(*inv.arguments)));
     }
     return args;
-}
-
-void appendJsonString(std::string& out, std::string_view s) {
-    out += '"';
-    for (const char ch : s) {
-        const auto c = static_cast<unsigned char>(ch);
-        switch (c) {
-            case '"':
-                out += "\\\"";
-                break;
-            case '\\':
-                out += "\\\\";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\t':
-                out += "\\t";
-                break;
-            case '\r':
-                out += "\\r";
-                break;
-            default:
-                if (c < 0x20) {
-                    char buf[8];
-                    (void)std::snprintf(buf, sizeof buf, "\\u%04x", c);
-                    out += buf;
-                } else {
-                    out += ch;
-                }
-        }
-    }
-    out += '"';
-}
-
-std::string base64(const plist::Bytes& bytes) {
-    static constexpr char kAlphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        const std::size_t n = std::min<std::size_t>(3, bytes.size() - i);
-        std::uint32_t v = static_cast<std::uint32_t>(bytes[i]) << 16;
-        if (n > 1) {
-            v |= static_cast<std::uint32_t>(bytes[i + 1]) << 8;
-        }
-        if (n > 2) {
-            v |= bytes[i + 2];
-        }
-        for (std::size_t k = 0; k < 4; ++k) {
-            out += k <= n ? kAlphabet[(v >> (18 - 6 * k)) & 0x3F] : '=';
-        }
-    }
-    return out;
-}
-
-// JSON for a property list: data as base64 text, dates as ISO 8601 text.
-void appendJson(std::string& out, const plist::Value& v) {
-    switch (v.type()) {
-        case plist::Value::Type::Boolean:
-            out += *v.asBoolean() ? "true" : "false";
-            break;
-        case plist::Value::Type::Integer: {
-            const plist::Integer i = *v.asInteger();
-            out += i.isUnsigned ? std::to_string(i.bits) : std::to_string(i.asSigned());
-            break;
-        }
-        case plist::Value::Type::Real: {
-            const double d = *v.asReal();
-            if (!std::isfinite(d)) {
-                out += "null";
-            } else {
-                char buf[32];
-                (void)std::snprintf(buf, sizeof buf, "%.17g", d);
-                out += buf;
-            }
-            break;
-        }
-        case plist::Value::Type::String:
-            appendJsonString(out, *v.string());
-            break;
-        case plist::Value::Type::Data:
-            appendJsonString(out, base64(*v.data()));
-            break;
-        case plist::Value::Type::Date:
-            appendJsonString(out, v.description());
-            break;
-        case plist::Value::Type::Array: {
-            out += '[';
-            bool first = true;
-            for (const plist::Value& e : *v.array()) {
-                out += first ? "" : ",";
-                first = false;
-                appendJson(out, e);
-            }
-            out += ']';
-            break;
-        }
-        case plist::Value::Type::Dictionary: {
-            out += '{';
-            bool first = true;
-            for (const auto& [key, e] : *v.dictionary()) {
-                out += first ? "" : ",";
-                first = false;
-                appendJsonString(out, key);
-                out += ':';
-                appendJson(out, e);
-            }
-            out += '}';
-            break;
-        }
-    }
 }
 
 void printXml(const plist::Value& v) {
@@ -600,7 +504,7 @@ int showService(const Invocation& inv) {
     }
     if (inv.json) {
         std::string out;
-        appendJson(out, *details);
+        client::appendJson(out, *details);
         (void)std::printf("%s\n", out.c_str());
     } else {
         printXml(*details);
@@ -614,7 +518,7 @@ int showLogs(const Invocation& inv) {
     if (inv.json) {
         command.emplace_back("--output=json");
     }
-    for (const char* suffix : {".service", ".socket", ".timer"}) {
+    for (const char* suffix : {".service", ".socket", ".timer", ".path", "@*.service"}) {
         command.emplace_back("--unit=" + *inv.service + suffix);
     }
     return runAndWait(std::move(command));
@@ -669,7 +573,7 @@ int perform(const Invocation& inv, const Command& command, const plist::Dictiona
     }
     if (inv.json) {
         std::string out;
-        appendJson(out, result);
+        client::appendJson(out, result);
         (void)std::printf("%s\n", out.c_str());
     } else {
         printReadable(command, result);
@@ -765,6 +669,10 @@ int main(int argc, char** argv) {
     }
     if (inv.show) {
         return showService(inv);
+    }
+    if (inv.check) {
+        return client::printJobCheck(readPropertyListFile(*inv.file, "serviceDictionary"),
+                                     inv.json);
     }
     return perform(inv, *inv.command, argumentsFor(inv));
 }

@@ -50,7 +50,6 @@ constexpr const char* kUsage =
     "usage: tessaryd-generator [--root DIR] NORMAL_DIR [EARLY_DIR LATE_DIR]\n";
 
 // The same directory the daemon gives the backend (see src/daemon/main.cpp).
-constexpr const char* kHelperBinDirectory = "/usr/lib/tessary/bin";
 
 // The target whose ".wants" directory starts `unit` at boot.
 std::string_view bootTargetFor(std::string_view unit) {
@@ -106,7 +105,7 @@ int generate(const Paths& paths, const std::string& outputDirectory) {
                            job.error().description.c_str());
         return kExitFailed;
     }
-    auto translation = translateJob(job.value(), {kHelperBinDirectory});
+    auto translation = translateJob(job.value(), {std::string(Paths::kHelperBinDirectory), {}, {}});
     if (!translation) {
         (void)std::fprintf(stderr, "tessaryd-generator: %s: %s\n", definition.c_str(),
                            translation.error().description.c_str());

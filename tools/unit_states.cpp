@@ -98,16 +98,27 @@ std::map<std::string, std::string> unitStates(const std::vector<std::string>& la
         const Unit service = unitOf(label + ".service");
         const Unit socket = unitOf(label + ".socket");
         const Unit timer = unitOf(label + ".timer");
+        const Unit path = unitOf(label + ".path");
+        // The instances of the template service of a job that serves each
+        // connection: LABEL@....service, next to each other in name order.
+        const std::string instance = label + "@";
+        bool connection = false;
+        for (auto it = units->lower_bound(instance);
+             it != units->end() && it->first.starts_with(instance); ++it) {
+            connection = connection || (it->first.ends_with(".service") && isUp(it->second));
+        }
         std::string state = "stopped";
         if (service.activeState == "failed" || socket.activeState == "failed" ||
-            timer.activeState == "failed") {
+            timer.activeState == "failed" || path.activeState == "failed") {
             state = "failed";
-        } else if (isUp(service)) {
+        } else if (isUp(service) || connection) {
             state = "running";
         } else if (isUp(socket)) {
             state = "waiting for a connection";
         } else if (isUp(timer)) {
             state = "waiting for its timer";
+        } else if (isUp(path)) {
+            state = "waiting for a path";
         }
         out.emplace(label, std::move(state));
     }

@@ -33,7 +33,6 @@ namespace {
 
 // Where the project's own small commands (jobtool, syslog) are installed; the
 // service manager puts it first on the PATH of the jobs it submits.
-constexpr const char* kHelperBinDirectory = "/usr/lib/tessary/bin";
 
 // The service manager gives a service a soft limit of 1,024 descriptors. The
 // request channel's own caps, not the kernel, must decide when a flood of
@@ -65,7 +64,8 @@ int main() {
     PosixFileOperations files;
     SystemdServiceManager serviceManager(
         {std::string(paths.systemdPrivateSocket()), std::string(paths.systemdUnitDirectory()),
-         kHelperBinDirectory, queue.event(), paths.systemdGeneratorDirectory(), kDaemonLabel},
+         std::string(Paths::kHelperBinDirectory), queue.event(), paths.systemdGeneratorDirectory(),
+         kDaemonLabel},
         log);
     PolkitAuthorizationService authorization;
     ProcCodeSigningService codeSigning;

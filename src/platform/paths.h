@@ -42,6 +42,9 @@ class Paths {
     static constexpr std::string_view kRequestSocket = "/run/com.orvane.tessaryd";
     static constexpr std::string_view kSystemdPrivateSocket = "/run/systemd/private";
     static constexpr std::string_view kSystemdUnitDirectory = "/run/systemd/system";
+    // The project's helper commands (jobtool, syslog), which the clean-up jobs
+    // call by name: first on the search path of every job, as systemd sees it.
+    static constexpr std::string_view kHelperBinDirectory = "/usr/lib/tessary/bin";
     // Where the system manager's generators write; the daemon's unit is made
     // there at boot.
     static constexpr std::string_view kSystemdGeneratorDirectory = "/run/systemd/generator";

@@ -330,6 +330,92 @@ step_services() {
     ! tessaryctl list | grep -q "$dynamic" || fail "$dynamic is still listed after its destruction"
 }
 
+# A service LABEL made of the property-list KEYS (XML), created and enabled
+# as a service author would.
+create_and_enable() {
+    local label=$1 keys=$2
+    printf '<?xml version="1.0" encoding="UTF-8"?>\n<plist version="1.0"><dict>
+<key>Label</key><string>%s</string>%s</dict></plist>\n' "$label" "$keys" >"$work/root$files/$label.plist"
+    tessaryctl create --file "$files/$label.plist" >/dev/null || fail "tessaryctl create $label failed"
+    tessaryctl enable "$label" || fail "tessaryctl enable $label failed"
+}
+
+program() {
+    local args='' a
+    for a in "$@"; do
+        args+="<string>$a</string>"
+    done
+    echo "<key>ProgramArguments</key><array>$args</array>"
+}
+
+# The job format's keys by their effect under systemd as PID 1.
+step_job_format() {
+    local pid line
+    create_and_enable com.example.watch "$(program /bin/sh -c 'echo run >>/run/tessary-watch.log')
+        <key>WatchPaths</key><array><string>/run/tessary-watched</string></array>"
+    wait_for 10 unit_is_active com.example.watch.path || fail "the watched path is not watched"
+    machine test ! -e /run/tessary-watch.log || fail "a watching job ran before its path changed"
+    machine touch /run/tessary-watched
+    wait_for 10 machine grep -q run /run/tessary-watch.log || fail "a watched path changed, the job did not run"
+
+    # Each run takes one file; the queue is kept running while it holds any.
+    machine mkdir -p /run/tessary-queue /run/tessary-done
+    create_and_enable com.example.queue "$(program /bin/sh -c \
+        'f=$(ls /run/tessary-queue | head -n 1); mv "/run/tessary-queue/$f" /run/tessary-done/')
+        <key>QueueDirectories</key><array><string>/run/tessary-queue</string></array>
+        <key>ThrottleInterval</key><integer>1</integer>"
+    machine touch /run/tessary-queue/a /run/tessary-queue/b
+    wait_for 15 eval '[[ "$(machine ls /run/tessary-done | wc -l)" == 2 ]]' ||
+        fail "the queue was not consumed: $(machine ls /run/tessary-queue)"
+    unit_is_active com.example.queue.path || fail "the queue's path unit is $(unit_state com.example.queue.path)"
+
+    # Limits, I/O class and a key Linux has no counterpart for.
+    create_and_enable com.example.limits "$(program /bin/sleep infinity)
+        <key>KeepAlive</key><true/><key>LowPriorityIO</key><true/>
+        <key>MachServices</key><dict><key>com.example.limits</key><true/></dict>
+        <key>SoftResourceLimits</key><dict><key>NumberOfFiles</key><integer>4096</integer></dict>
+        <key>HardResourceLimits</key><dict><key>NumberOfFiles</key><integer>8192</integer></dict>"
+    wait_for 10 unit_is_active com.example.limits.service || fail "com.example.limits does not run"
+    pid=$(main_pid com.example.limits.service)
+    line=$(machine grep 'Max open files' "/proc/$pid/limits")
+    [[ "$line" =~ 4096\ +8192 ]] || fail "the limits job runs with: $line"
+    [[ "$(machine ionice -p "$pid")" == idle ]] || fail "its I/O class is $(machine ionice -p "$pid")"
+    machine journalctl -q -t com.orvane.tessaryd | grep -q 'WARNING: Job com.example.limits: MachServices is ignored' ||
+        fail "no warning of the ignored key"
+
+    # inetd's Wait false: a /bin/cat per connection, two at once.
+    create_and_enable com.example.cat "$(program /bin/cat)
+        <key>inetdCompatibility</key><dict><key>Wait</key><false/></dict>
+        <key>Sockets</key><dict><key>Listeners</key><dict>
+        <key>SockPathName</key><string>/run/tessary-cat.sock</string></dict></dict>"
+    line=$(machine python3 -c 'import socket
+clients = [socket.socket(socket.AF_UNIX) for _ in range(2)]
+for i, c in enumerate(clients):
+    c.connect("/run/tessary-cat.sock"); c.sendall(b"line %d\n" % i)
+print(" ".join(c.recv(64).decode().strip() for c in clients))') || fail "no echo from the inetd job"
+    [[ "$line" == "line 0 line 1" ]] || fail "the inetd job echoed: $line"
+
+    # A user's job runs as that user; with a path systemd would read otherwise,
+    # not at all.
+    create_and_enable com.example.user "$(program /usr/bin/id -un)<key>RunAtLoad</key><true/>
+        <key>UserName</key><string>nobody</string>
+        <key>StandardOutPath</key><string>/run/tessary-user.log</string>"
+    wait_for 10 machine grep -qx nobody /run/tessary-user.log || fail "the user's job did not run as nobody"
+    create_and_enable com.example.hostile "$(program /usr/bin/id -un)<key>RunAtLoad</key><true/>
+        <key>StandardErrorPath</key><string>/run/job\</string>
+        <key>UserName</key><string>nobody</string>"
+    wait_for 10 eval "machine journalctl -q -t com.orvane.tessaryd | grep -q 'com.example.hostile: StandardErrorPath'" ||
+        fail "no refusal of the hostile path in the journal"
+    [[ "$(machine systemctl show -P LoadState com.example.hostile.service)" == not-found ]] ||
+        fail "a job with a hostile path was loaded"
+
+    for line in watch queue limits cat user hostile; do
+        tessaryctl destroy "com.example.$line" >/dev/null
+    done
+    [[ -z "$(machine systemctl list-units --all --plain --no-legend 'com.example.*')" ]] ||
+        fail "units are left: $(machine systemctl list-units --all 'com.example.*')"
+}
+
 # What bash offers after WORDS... (the last one being completed), with the
 # completion the package installs.
 completions() {
@@ -480,6 +566,11 @@ folder. The services have been stopped, and service data preserved. Tessary app 
 re-installed before services can be restarted."
     wait_for 30 eval '! unit_is_active "$daemon_unit"' || fail "the daemon did not uninstall itself"
     machine systemctl stop tessary-notifications.service tessary-desk.service
+    # A transient unit's file goes once the unit is unloaded, a failed one
+    # only once its failure is reset.
+    machine systemctl reset-failed tessary-notifications.service tessary-desk.service 2>/dev/null || true
+    wait_for 10 eval '! machine test -e /run/systemd/transient/tessary-notifications.service' ||
+        fail "the notification server's unit stays: $(machine systemctl status tessary-notifications.service)"
 }
 
 step_promotion_and_reboot() {
@@ -576,6 +667,7 @@ first_version=$(dpkg-deb -f "$work/root$files/$first_deb" Version)
 
 step_install
 step_services
+step_job_format
 step_completion
 step_administrator
 step_browser

@@ -4,6 +4,8 @@
 #include "platform/linux/systemd/systemd_service_manager.h"
 
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -11,6 +13,7 @@
 #include <map>
 #include <thread>
 
+#include "base/unique_fd.h"
 #include "doubles/recording_system_log.h"
 #include "support/temp_dir.h"
 #include "systemd/real_systemd.h"
@@ -238,8 +241,8 @@ TEST_F(SystemdServiceManagerTest, OnlyUnitsOfTheUnitDirectoryAreTheJobs) {
     (void)std::system(("systemctl --user stop " + unit).c_str());
 }
 
-// A job's socket and timer go with it, found through its service or, when
-// the service is gone, by the names they usually have.
+// A job's socket, timer and path unit go with it, found through its service
+// or, when the service is gone, by the names they usually have.
 TEST_F(SystemdServiceManagerTest, TriggersAreRemovedWithTheJobEvenWithoutItsService) {
     for (const bool serviceGone : {false, true}) {
         const std::string job = label(serviceGone ? "withoutService" : "whole");
@@ -247,7 +250,9 @@ TEST_F(SystemdServiceManagerTest, TriggersAreRemovedWithTheJobEvenWithoutItsServ
         dict["Sockets"] = Value(Dictionary{
             {"Listeners", Value(Dictionary{{"SockPathName", Value(dir.path() + "/" + job)}})}});
         dict["StartInterval"] = Value::integer(3600);
+        dict["WatchPaths"] = Value(plist::stringArray({dir.path() + "/watched"}));
         ASSERT_TRUE(backend.submitJob(Value(dict), auth).ok()) << job;
+        EXPECT_EQ(state(job + ".path"), "active") << job;
         EXPECT_EQ(state(job + ".socket"), "active") << job;
         EXPECT_EQ(state(job + ".timer"), "active") << job;
         if (serviceGone) {
@@ -258,11 +263,51 @@ TEST_F(SystemdServiceManagerTest, TriggersAreRemovedWithTheJobEvenWithoutItsServ
 
         const Status removed = backend.removeJob(job, auth, true);
         EXPECT_TRUE(removed.ok()) << job << ": " << removed.error().description;
-        for (const std::string& unit : {job + ".service", job + ".socket", job + ".timer"}) {
+        for (const std::string& unit :
+             {job + ".service", job + ".socket", job + ".timer", job + ".path"}) {
             EXPECT_EQ(loadState(unit), "not-found") << unit;
             EXPECT_FALSE(unitFileExists(unit)) << unit;
         }
     }
+}
+
+// A job that serves each connection with a process of its own: the
+// template's instances come with connections, two at once, and go with the
+// job while they serve.
+TEST_F(SystemdServiceManagerTest, InetdJobServesEachConnectionAndGoesWhole) {
+    const std::string job = label();
+    const std::string path = dir.path() + "/echo";
+    const Dictionary dict{
+        {"Label", Value(job)},
+        {"ProgramArguments", Value(plist::stringArray({"/bin/cat"}))},
+        {"inetdCompatibility", Value(Dictionary{{"Wait", Value::boolean(false)}})},
+        {"Sockets", Value(Dictionary{{"s", Value(Dictionary{{"SockPathName", Value(path)}})}})}};
+    ASSERT_TRUE(backend.submitJob(Value(dict), auth).ok());
+    EXPECT_EQ(backend.jobIsEnabled(job), Answer::Yes);
+    std::vector<UniqueFd> clients;
+    for (const char* line : {"one\n", "two\n"}) {
+        clients.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        ASSERT_EQ(
+            ::connect(clients.back().get(), reinterpret_cast<sockaddr*>(&address), sizeof address),
+            0);
+        ASSERT_EQ(::write(clients.back().get(), line, 4), 4);
+    }
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        char echoed[4] = {};
+        EXPECT_EQ(::read(clients[i].get(), echoed, sizeof echoed), 4);
+        EXPECT_EQ(std::string(echoed, 4), i == 0 ? "one\n" : "two\n");
+    }
+    const std::string instances = "systemctl --user list-units --plain --no-legend '" + job + "@*'";
+    EXPECT_EQ(testing::commandOutput(instances + " | wc -l"), "2");
+
+    ASSERT_TRUE(backend.removeJob(job, auth, true).ok());
+    EXPECT_EQ(backend.jobIsEnabled(job), Answer::No);
+    EXPECT_EQ(testing::commandOutput(instances + " --all"), "");
+    EXPECT_FALSE(unitFileExists(job + "@.service"));
+    EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 TEST_F(SystemdServiceManagerTest, RemovesOfDifferentJobsOverlapInTime) {

@@ -34,7 +34,20 @@ struct UnitText {
         UnitText unit;
         std::istringstream in(text);
         std::string section;
+        std::string pending;
         for (std::string line; std::getline(in, line);) {
+            // A line ending in an odd number of backslashes goes on in the
+            // next, the backslash read as a blank.
+            std::size_t slashes = 0;
+            while (slashes < line.size() && line[line.size() - 1 - slashes] == '\\') {
+                ++slashes;
+            }
+            if (slashes % 2 == 1) {
+                pending += line.substr(0, line.size() - 1) + " ";
+                continue;
+            }
+            line = pending + line;
+            pending.clear();
             if (line.empty() || line[0] == '#' || line[0] == ';') {
                 continue;
             }
@@ -57,6 +70,19 @@ struct UnitText {
     std::optional<std::string> one(const std::string& key) const {
         auto v = all(key);
         return v.size() == 1 ? std::optional(v.front()) : std::nullopt;
+    }
+    // The same with specifiers expanded: "%%" is "%"; any other specifier
+    // would take a value of the machine's, so the value is not the job's.
+    std::optional<std::string> expanded(const std::string& key) const {
+        auto v = one(key);
+        std::string out;
+        for (std::size_t i = 0; v && i < v->size(); ++i) {
+            if ((*v)[i] == '%' && (i + 1 == v->size() || (*v)[++i] != '%')) {
+                return std::nullopt;
+            }
+            out += (*v)[i];
+        }
+        return v ? std::optional(out) : std::nullopt;
     }
 };
 

@@ -44,6 +44,21 @@ TEST(Tessaryctl, UsageErrorsAndNoDaemon) {
         EXPECT_NE(run.output.find("usage"), std::string::npos) << ::testing::PrintToString(args);
     }
     EXPECT_EQ(testing::runProcess({TESSARYCTL, "--socket", none, "status"}).exitCode, 2);
+
+    // check asks nothing of the daemon: its verdict is the exit status.
+    for (const auto& [program, status] :
+         std::vector<std::pair<std::string, int>>{{"/bin/true", 0}, {"+/bin/true", 1}}) {
+        testing::writeFile(dir / "job.plist",
+                           "<plist version=\"1.0\"><dict><key>Label</key><string>a.b</string>"
+                           "<key>Program</key><string>" +
+                               program + "</string></dict></plist>");
+        const auto run = testing::runProcess(
+            {TESSARYCTL, "--socket", none, "check", "--file", dir / "job.plist"});
+        EXPECT_EQ(run.exitCode, status) << run.output;
+        EXPECT_NE(run.output.find(status == 0 ? "ExecStart=@\"/bin/true\"" : "refused: Program"),
+                  std::string::npos)
+            << run.output;
+    }
 }
 
 // A stand-in daemon: records each request, and whether `marker` existed when

@@ -6,14 +6,14 @@
 // list sorts them: what needs a look first.
 export const STATES = [
     "failed", "invalid", "running", "waiting for a connection", "waiting for its timer",
-    "stopped", "unknown",
+    "waiting for a path", "stopped", "unknown",
 ];
 
 // The state filter's choices, each with the states it lets through.
 export const STATE_FILTERS = {
     all: null,
     running: ["running"],
-    waiting: ["waiting for a connection", "waiting for its timer"],
+    waiting: ["waiting for a connection", "waiting for its timer", "waiting for a path"],
     failed: ["failed", "invalid"],
     stopped: ["stopped"],
 };

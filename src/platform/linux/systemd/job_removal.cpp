@@ -49,17 +49,19 @@ Status SystemdServiceManager::removeJob(std::string_view label,
     ManagerBus& bus = connected.value();
     const std::string service = serviceUnitName(label);
 
-    // The job's units: its service and whatever triggers it (its sockets and
-    // timer), plus the names those usually have, should the service be gone.
+    // The job's units: its service and whatever triggers it (its sockets,
+    // timer and path unit), plus the names those usually have, should the
+    // service be gone.
     // A trigger the manager does not have is neither running nor loaded, and
     // its file, if any, goes below all the same; the service (and a unit of
     // the generator's) is looked for by name, as the question whether the
     // job is loaded does.
     const std::string socket = std::string(label) + ".socket";
     const std::string timer = std::string(label) + ".timer";
-    auto usual = statesLoadingOnly(bus, {service, socket, timer}, [&](const std::string& unit) {
-        return unit == service || generatedUnit(options_, unit);
-    });
+    const std::string path = std::string(label) + ".path";
+    auto usual = statesLoadingOnly(
+        bus, {service, socket, timer, path},
+        [&](const std::string& unit) { return unit == service || generatedUnit(options_, unit); });
     if (!usual) {
         return usual.error();
     }
@@ -69,7 +71,8 @@ Status SystemdServiceManager::removeJob(std::string_view label,
         return serviceOrigin.error();
     }
     const bool serviceOwn = serviceOrigin.value().origin == Origin::Own;
-    std::map<std::string, UnitState> known{{socket, usual.value()[1]}, {timer, usual.value()[2]}};
+    std::map<std::string, UnitState> known{
+        {socket, usual.value()[1]}, {timer, usual.value()[2]}, {path, usual.value()[3]}};
     std::vector<std::string> triggers;
     if (serviceOwn && serviceState.loadState == "loaded") {
         auto by = bus.stringsProperty(serviceState.path, kUnitInterface, "TriggeredBy");
@@ -78,7 +81,7 @@ Status SystemdServiceManager::removeJob(std::string_view label,
         }
         triggers = by.value();
     }
-    for (const std::string& name : {socket, timer}) {
+    for (const std::string& name : {socket, timer, path}) {
         if (std::find(triggers.begin(), triggers.end(), name) == triggers.end()) {
             triggers.push_back(name);
         }
@@ -113,6 +116,26 @@ Status SystemdServiceManager::removeJob(std::string_view label,
         sort(unit, origin.value());
     }
     sort(service, serviceOrigin.value());
+    // A job that serves each connection has a template service, of which the
+    // manager has only the instances serving connections.
+    const std::string templateService = std::string(label) + "@.service";
+    std::vector<std::string> ownInstances;
+    auto instances = bus.unitsMatching(std::string(label) + "@*.service");
+    if (!instances) {
+        return instances.error();
+    }
+    for (const auto& [unit, state] : instances.value()) {
+        auto origin = originOf(bus, options_, unit, state, false);
+        if (!origin) {
+            return origin.error();
+        }
+        if (origin.value().origin == Origin::Own) {
+            ownInstances.push_back(unit);
+        }
+    }
+    if (unitFileExists(options_.unitDirectory, templateService)) {
+        files.push_back(templateService);
+    }
     if (!serviceOwn && ownTriggers.empty() && files.empty()) {
         return Error{kErrorDomain, ESRCH,
                      "Job " + std::string(label) + " is not loaded" +
@@ -140,8 +163,8 @@ Status SystemdServiceManager::removeJob(std::string_view label,
         return status;
     }
 
-    // Sockets and timers first: stopped after the service, they could start
-    // it again. A unit's file goes once its stop is queued, not after the
+    // Sockets, timers and path units first: stopped after the service, they
+    // could start it again. A unit's file goes once its stop is queued, not after the
     // stop: the manager then drops the stopped unit by itself, where a file
     // deleted after the stop would leave it loaded until a Reload. A unit
     // whose stop could not be queued keeps its file, and with it the job
@@ -153,8 +176,10 @@ Status SystemdServiceManager::removeJob(std::string_view label,
         }
     }
     std::vector<std::string> stopped;
-    for (const auto& round : {ownTriggers, serviceOwn ? std::vector<std::string>{service}
-                                                      : std::vector<std::string>{}}) {
+    if (serviceOwn) {
+        ownInstances.push_back(service);
+    }
+    for (const auto& round : {ownTriggers, ownInstances}) {
         std::vector<std::string> jobs;
         for (const auto& unit : round) {
             auto queued = bus.enqueue("StopUnit", unit);

@@ -1,6 +1,7 @@
 // Submitting a job: its units written, loaded and started, or nothing of
 // it left behind.
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,42 +18,71 @@ Status SystemdServiceManager::submitJob(const plist::Value& job,
     if (!authorization) {
         return notAuthorized("submit");
     }
-    auto translated = translateJob(job, {options_.helperBinDirectory});
+    // The manager is asked for its default limits only by a job that sets
+    // one limit of a pair; the connection is then kept for the rest.
+    std::optional<ManagerBus> bus;
+    auto connect = [&]() -> Status {
+        if (!bus) {
+            auto connected = managerBus(keptConnection(), [this] { return sharedConnection(); });
+            if (!connected) {
+                return connected.error();
+            }
+            bus.emplace(std::move(connected.value()));
+        }
+        return {};
+    };
+    TranslationOptions translation{options_.helperBinDirectory,
+                                   [&](std::string_view directive) -> std::optional<ResourceLimit> {
+                                       if (!connect()) {
+                                           return std::nullopt;
+                                       }
+                                       auto limit = bus->defaultLimit(directive);
+                                       return limit ? std::optional(limit.value()) : std::nullopt;
+                                   },
+                                   servicesDatabasePort};
+    auto translated = translateJob(job, translation);
     if (!translated) {
         return translated.error();
     }
     const UnitTranslation& t = translated.value();
-    for (const auto& key : t.ignoredKeys) {
-        log_.debug("Job %@: ignoring %@, which has no systemd counterpart", t.label, key);
+    for (const Finding& finding : t.findings) {
+        if (finding.kind == FindingKind::Ignored) {
+            log_.warning("WARNING: Job %@: %@ is ignored: %@", t.label, finding.key,
+                         finding.reason);
+        } else {
+            log_.debug("Job %@: %@ is approximated: %@", t.label, finding.key, finding.reason);
+        }
     }
     LabelGuard guard(*this, t.label);
-    auto connected = managerBus(keptConnection(), [this] { return sharedConnection(); });
-    if (!connected) {
-        return connected.error();
+    if (Status s = connect(); !s) {
+        return s;
     }
-    ManagerBus& bus = connected.value();
 
-    std::vector<std::string> names;
-    for (const auto& unit : t.units) {
-        auto state = bus.unitState(unit.name);
+    // A template cannot be asked about, an instance of it can: it loads from
+    // the template's file.
+    std::vector<std::string> names = t.loadableUnits();
+    if (t.accepts) {
+        names.push_back(templateProbe(t.serviceUnit));
+    }
+    for (const auto& name : names) {
+        auto state = bus->unitState(name);
         if (!state) {
             return state.error();
         }
-        auto origin = originOf(bus, options_, unit.name, state.value(), true);
+        auto origin = originOf(*bus, options_, name, state.value(), true);
         if (!origin) {
             return origin.error();
         }
         if (origin.value().origin == Origin::Own) {
-            return Error{kErrorDomain, EEXIST,
-                         "Job " + t.label + " is already loaded (the service manager has " +
-                             unit.name + ")"};
+            return Error{
+                kErrorDomain, EEXIST,
+                "Job " + t.label + " is already loaded (the service manager has " + name + ")"};
         }
         if (origin.value().origin == Origin::Foreign) {
             return Error{kErrorDomain, EEXIST,
                          "Job " + t.label + " would shadow another unit: the service manager has " +
-                             foreignUnit(unit.name, origin.value())};
+                             foreignUnit(name, origin.value())};
         }
-        names.push_back(unit.name);
     }
 
     std::vector<std::string> written;
@@ -65,14 +95,14 @@ Status SystemdServiceManager::submitJob(const plist::Value& job,
         written.push_back(unit.name);
     }
     if (status) {
-        status = loadUnits(bus, names);
+        status = loadUnits(*bus, names);
     }
     if (!status) {
         // Nothing of the job may stay behind when it could not be loaded.
         for (const auto& name : written) {
             (void)removeUnitFile(options_.unitDirectory, name);
         }
-        (void)ensureUnloaded(bus, options_, written);
+        (void)ensureUnloaded(*bus, options_, names);
         return status;
     }
 
@@ -80,13 +110,13 @@ Status SystemdServiceManager::submitJob(const plist::Value& job,
     if (toStart.empty()) {
         return {};
     }
-    if (Status s = bus.watchJobs(); !s) {
+    if (Status s = bus->watchJobs(); !s) {
         return s;
     }
     std::vector<std::pair<std::string, std::string>> jobs;  // unit, job path
     std::vector<std::string> jobPaths;
     for (const auto& unit : toStart) {
-        auto queued = bus.enqueue("StartUnit", unit);
+        auto queued = bus->enqueue("StartUnit", unit);
         if (!queued) {
             status = queued.error();
             break;
@@ -94,7 +124,7 @@ Status SystemdServiceManager::submitJob(const plist::Value& job,
         jobs.emplace_back(unit, queued.value());
         jobPaths.push_back(queued.value());
     }
-    auto results = bus.waitForJobs(jobPaths);
+    auto results = bus->waitForJobs(jobPaths);
     if (!results) {
         return results.error();
     }
@@ -104,9 +134,9 @@ Status SystemdServiceManager::submitJob(const plist::Value& job,
     for (const auto& [unit, path] : jobs) {
         const std::string& result = results.value().at(path);
         if (result != "done") {
-            auto unitPath = bus.loadUnit(unit);
+            auto unitPath = bus->loadUnit(unit);
             return Error{kErrorDomain, EIO,
-                         startFailure(bus, unit, unitPath ? unitPath.value() : "", result)};
+                         startFailure(*bus, unit, unitPath ? unitPath.value() : "", result)};
         }
     }
     return {};

@@ -150,6 +150,11 @@ Result<UnitState> ManagerBus::unitState(const std::string& unit) {
     return states.value().front();
 }
 
+Result<std::vector<std::pair<std::string, UnitState>>> ManagerBus::unitsMatching(
+    const std::string& pattern) {
+    return listUnits("ListUnitsByPatterns", {pattern}, true);
+}
+
 Result<std::string> ManagerBus::stringProperty(const std::string& path, const char* interface,
                                                const char* name) {
     SdBusError error;
@@ -184,6 +189,20 @@ Result<std::vector<std::string>> ManagerBus::stringsProperty(const std::string& 
         return Error::posix(-q, std::string("Unexpected value of ") + name + " of " + path);
     }
     return value;
+}
+
+Result<ResourceLimit> ManagerBus::defaultLimit(std::string_view directive) {
+    const std::string hard = "Default" + std::string(directive);
+    auto h = trivialProperty<std::uint64_t>(kManagerPath, kManagerInterface, hard.c_str(), 't');
+    if (!h) {
+        return h.error();
+    }
+    auto s = trivialProperty<std::uint64_t>(kManagerPath, kManagerInterface,
+                                            (hard + "Soft").c_str(), 't');
+    if (!s) {
+        return s.error();
+    }
+    return ResourceLimit{s.value(), h.value()};
 }
 
 std::string ManagerBus::loadError(const std::string& path) {

@@ -8,10 +8,12 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/error.h"
 #include "platform/linux/sd_handles.h"
+#include "platform/linux/systemd/unit_translation.h"
 
 namespace tessary::linux_backend {
 
@@ -86,6 +88,11 @@ class ManagerBus {
 
     Result<UnitState> unitState(const std::string& unit);
 
+    // The units the manager has in memory whose names match `pattern` (a
+    // shell pattern), with their states.
+    Result<std::vector<std::pair<std::string, UnitState>>> unitsMatching(
+        const std::string& pattern);
+
     Result<std::string> stringProperty(const std::string& path, const char* interface,
                                        const char* name);
 
@@ -111,6 +118,10 @@ class ManagerBus {
         }
         return value;
     }
+
+    // The limit the manager gives a service whose unit sets none, by
+    // directive ("LimitNOFILE").
+    Result<ResourceLimit> defaultLimit(std::string_view directive);
 
     // The manager's reason for a unit that did not load, as "(ss)".
     std::string loadError(const std::string& path);

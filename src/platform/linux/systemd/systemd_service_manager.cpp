@@ -4,7 +4,9 @@
 
 #include "platform/linux/systemd/systemd_service_manager.h"
 
+#include <optional>
 #include <thread>
+#include <vector>
 
 #include "platform/linux/systemd/manager_bus.h"
 #include "platform/linux/systemd/shared_manager_connection.h"
@@ -42,7 +44,9 @@ Answer SystemdServiceManager::jobIsEnabled(std::string_view label) {
     if (!checkJobLabel(label)) {
         return Answer::No;  // no unit can have that name
     }
-    const std::string service = serviceUnitName(label);
+    // The job's service, or for a job that serves each connection (whose
+    // service is a template the manager cannot be asked about) its socket.
+    const std::vector<std::string> units = {serviceUnitName(label), std::string(label) + ".socket"};
     // A question is asked again once on a new connection when the kept one
     // turns out to be gone (the manager re-executed since the last one).
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -50,14 +54,23 @@ Answer SystemdServiceManager::jobIsEnabled(std::string_view label) {
         if (!connected) {
             return Answer::Unknown;
         }
-        auto state = connected.value().unitState(service);
-        Result<UnitOrigin> origin =
-            state ? originOf(connected.value(), options_, service, state.value(), false)
-                  : Result<UnitOrigin>(state.error());
-        if (origin) {
-            return origin.value().origin == Origin::Own ? Answer::Yes : Answer::No;
+        auto states = connected.value().unitStates(units);
+        std::optional<Error> failure;
+        if (!states) {
+            failure = states.error();
         }
-        if (!connectionLost(origin.error())) {
+        for (std::size_t i = 0; !failure && i < units.size(); ++i) {
+            auto origin = originOf(connected.value(), options_, units[i], states.value()[i], false);
+            if (!origin) {
+                failure = origin.error();
+            } else if (origin.value().origin == Origin::Own) {
+                return Answer::Yes;
+            }
+        }
+        if (!failure) {
+            return Answer::No;
+        }
+        if (!connectionLost(*failure)) {
             return Answer::Unknown;
         }
     }

@@ -25,15 +25,21 @@ bool sameDirectory(const std::string& a, const std::string& b) {
            sa.st_ino == sb.st_ino;
 }
 
-// The directory of a unit's file when the file is named for the unit, as the
-// files the backend and the generator write are; else empty.
+// The directory of a unit's file when the file is named for the unit, or,
+// for an instance ("NAME@INSTANCE.service"), for its template
+// ("NAME@.service"), as the files the backend and the generator write are;
+// else empty.
 std::string directoryOf(const std::string& unit, const std::string& fragment) {
     const auto slash = fragment.rfind('/');
-    if (slash == std::string::npos || slash == 0 ||
-        fragment.compare(slash + 1, std::string::npos, unit) != 0) {
+    if (slash == std::string::npos || slash == 0) {
         return {};
     }
-    return fragment.substr(0, slash);
+    const std::string_view file = std::string_view(fragment).substr(slash + 1);
+    const auto at = unit.find('@');
+    const auto dot = unit.rfind('.');
+    const bool template_ = at != std::string::npos && dot != std::string::npos && at < dot &&
+                           file == unit.substr(0, at + 1) + unit.substr(dot);
+    return file == unit || template_ ? fragment.substr(0, slash) : std::string();
 }
 
 }  // namespace
@@ -110,6 +116,11 @@ bool ownFragment(const SystemdServiceManagerOptions& options, const std::string&
     }
     return sameDirectory(directory, options.unitDirectory) ||
            (generatedUnit(options, unit) && sameDirectory(directory, options.generatorDirectory));
+}
+
+std::string templateProbe(const std::string& templateUnit) {
+    const auto at = templateUnit.find('@');
+    return templateUnit.substr(0, at + 1) + "tessaryd-probe" + templateUnit.substr(at + 1);
 }
 
 bool inGeneratorDirectory(const SystemdServiceManagerOptions& options, const std::string& unit,

@@ -26,4 +26,9 @@ bool ownFragment(const SystemdServiceManagerOptions& options, const std::string&
 bool inGeneratorDirectory(const SystemdServiceManagerOptions& options, const std::string& unit,
                           const std::string& fragment);
 
+// The instance by which the manager is asked about the template
+// `templateUnit` ("NAME@.service"): "NAME@tessaryd-probe.service", which
+// loads from the template's file and is dropped again by the manager.
+std::string templateProbe(const std::string& templateUnit);
+
 }  // namespace tessary::linux_backend
