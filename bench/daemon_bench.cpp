@@ -36,7 +36,7 @@ extern char** environ;
 namespace tessary {
 namespace {
 
-constexpr const char* kSocket = "/run/com.orvane.tessaryd";
+constexpr const char* kSocket = "/run/tessaryd/com.orvane.tessaryd";
 // The sandbox suite gives the app this RunAtLoad service and writes the unit
 // for systemctl (same command) into the manager's runtime directory.
 constexpr const char* kRunAtLoadService = "com.example.bench00";
@@ -54,7 +54,7 @@ client::Request requestFor(const std::string& command) {
 void BM_DaemonRoundTrip(benchmark::State& state, const std::string& command) {
     auto connection = client::Connection::open(kSocket);
     if (!connection) {
-        state.SkipWithError("no daemon at /run/com.orvane.tessaryd");
+        state.SkipWithError("no daemon at /run/tessaryd/com.orvane.tessaryd");
         return;
     }
     const client::Request request = requestFor(command);

@@ -1,7 +1,8 @@
 # The install step and what puts the daemon on a machine: tessary-install (the
 # daemon out of the app bundle into place, its job definition file, the polkit
 # action, the job started), tessaryd-generator (the daemon's unit at boot, made
-# from that file), and the sample app bundle assembled with the built daemon.
+# from that file), the sandbox that systemd adds to that unit (a drop-in), and
+# the sample app bundle assembled with the built daemon.
 
 add_executable(tessary_install ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessary_install.cpp)
 set_target_properties(tessary_install PROPERTIES OUTPUT_NAME tessary-install)
@@ -44,3 +45,7 @@ add_custom_target(tessary_app ALL DEPENDS ${CMAKE_BINARY_DIR}/Tessary.app.stamp)
 install(DIRECTORY ${TESSARY_APP_BUNDLE} DESTINATION /Applications USE_SOURCE_PERMISSIONS)
 install(TARGETS tessary_install RUNTIME DESTINATION lib/tessary)
 install(TARGETS tessaryd_generator RUNTIME DESTINATION lib/systemd/system-generators)
+# Drop-ins apply to the unit wherever it comes from: the runtime unit that
+# tessary-install submits and the generator's unit at boot alike.
+install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/data/systemd/com.orvane.tessaryd-sandbox.conf
+  DESTINATION lib/systemd/system/com.orvane.tessaryd.service.d RENAME sandbox.conf)

@@ -17,10 +17,17 @@
 //     the daemon at boot: tessaryd-generator makes the daemon's unit from it at
 //     every boot, and from nothing when it is gone. Written after the
 //     executable, so that it never names a file that is not there yet.
-//  4. Installs the polkit action that the bundle carries
+//  4. Makes the directories that the daemon writes in but does not make at
+//     every start, when they are missing: /Library/Tessary (its
+//     preferences), /Library/Application Support/Orvane (its support
+//     directory) and /var/db (the setup-done marker). The daemon's unit lets
+//     it write there and nowhere else; a directory must exist for systemd to
+//     open it to the daemon, and the daemon itself may not make it under a
+//     read-only parent.
+//  5. Installs the polkit action that the bundle carries
 //     ("Contents/Resources/com.orvane.tessaryd.policy") unless one is installed
 //     already (the package's own copy).
-//  5. Unless --no-start: submits the job through the systemd backend, which
+//  6. Unless --no-start: submits the job through the systemd backend, which
 //     writes the unit into the manager's runtime unit directory and starts it
 //     ("OnDemand" false: Restart=always). A job the manager has loaded already
 //     (a second install, or the unit the generator made at boot) is restarted
@@ -36,9 +43,10 @@
 // definition file and the support directory are then removed, the manager is
 // made to re-run its generators (so that a unit made at boot goes with the
 // file) and the daemon's job is removed; last go its request socket and the
-// directories that held those files, when they are empty. The preferences
-// stay, as a demotion keeps them, and so does the polkit action, which the
-// package owns.
+// directories that held those files and the socket, when they are empty. The
+// preferences stay, as a demotion keeps them, and so does the polkit action,
+// which the package owns; so do /Library/Tessary and /var/db, which hold them
+// and the setup-done marker until the package is purged.
 //
 // --root makes every fixed path, the manager's socket and unit directory
 // included, relative to DIR; it is for tests. The bundle defaults to
@@ -58,6 +66,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "client/tessary_client.h"
 #include "platform/linux/fs/file_bundle_info.h"
@@ -279,24 +288,21 @@ Status makeDirectoryFor(FileOperations& files, const std::string& path) {
 }
 
 // Copies the daemon as a new file beside the target and renames it over the
-// target, executable before it gets the name.
+// target, executable before it gets the name. The copy's name is this
+// install's own: a running daemon updating itself from the same bundle at the
+// same moment (an upgrade replaces the bundle it watches) writes its own copy,
+// and whichever rename comes last leaves a whole executable.
 Status installExecutable(FileOperations& files, const std::string& from, const std::string& to) {
     if (Status s = makeDirectoryFor(files, to); !s) {
         return s;
     }
-    const std::string staging = parentOf(to) + "/.com.orvane.tessaryd.new";
-    if (files.exists(staging)) {
-        (void)files.removeItem(staging);  // left by an interrupted install
+    auto staged = files.copyBeside(from, to, kExecutableMode);
+    if (!staged) {
+        return staged.error();
     }
-    Status s = files.copyFile(from, staging);
-    if (s) {
-        s = files.setPermissions(staging, kExecutableMode);
-    }
-    if (s && ::rename(staging.c_str(), to.c_str()) != 0) {
-        s = Error::posix(errno, "Unable to install " + to);
-    }
+    Status s = files.replaceFile(staged.value(), to);
     if (!s) {
-        (void)files.removeItem(staging);
+        (void)files.removeItem(staged.value());
     }
     return s;
 }
@@ -311,6 +317,18 @@ Status installJobDefinition(FileOperations& files, const std::string& path,
         s = files.setPermissions(path, kFileMode);
     }
     return s;
+}
+
+// The directories the daemon's sandbox opens to it, from the fixed paths.
+Status makeWritableDirectories(FileOperations& files, const Paths& paths) {
+    for (const std::string& directory :
+         {parentOf(paths.setupDirectory()), parentOf(paths.supportDirectory()),
+          parentOf(paths.setupDoneMarker())}) {
+        if (Status s = files.createDirectory(directory, true, kDirectoryMode); !s) {
+            return s;
+        }
+    }
+    return {};
 }
 
 Status installPolkitAction(FileOperations& files, const std::string& bundle,
@@ -367,6 +385,9 @@ Status install(const Paths& paths, const std::string& bundle, bool start) {
     }
     if (Status s = installJobDefinition(files, paths.daemonJobDefinition(), carried.value().bytes);
         !s) {
+        return s;
+    }
+    if (Status s = makeWritableDirectories(files, paths); !s) {
         return s;
     }
     if (Status s = installPolkitAction(files, bundle, paths.resolve(kPolkitAction)); !s) {
@@ -443,10 +464,20 @@ Status uninstall(const Paths& paths) {
     if (result && ::lstat(paths.requestSocket().c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) {
         (void)::unlink(paths.requestSocket().c_str());
     }
+    // Copies of the daemon that an install or update killed halfway left.
+    const std::string helpers = parentOf(paths.installedDaemon());
+    const std::string copyPrefix = "." + std::string(kDaemonLabel) + ".";
+    const auto names = files.listDirectory(helpers);
+    for (const std::string& name : names ? names.value() : std::vector<std::string>{}) {
+        if (name.starts_with(copyPrefix)) {
+            (void)files.removeItem(helpers + "/" + name);
+        }
+    }
     // The directories the install made, when nothing else is in them.
     for (const std::string& directory :
          {parentOf(paths.installedDaemon()), parentOf(paths.daemonJobDefinition()),
-          parentOf(paths.supportDirectory()), parentOf(parentOf(paths.supportDirectory()))}) {
+          parentOf(paths.supportDirectory()), parentOf(parentOf(paths.supportDirectory())),
+          parentOf(paths.requestSocket())}) {
         (void)::rmdir(directory.c_str());
     }
     return result;

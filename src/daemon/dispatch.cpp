@@ -114,15 +114,11 @@ int TYSupervisor::performRequest(const std::string& command,
     if (arguments && !arguments->empty()) {
         auto decoded =
             plist::decode(std::span<const std::uint8_t>(*arguments), plist::kRequestBudget);
-        if (!decoded) {
+        // Arguments are a dictionary or nothing a handler can use: any other
+        // top level is refused like bytes that do not decode.
+        if (!decoded || !decoded.value().isDictionary()) {
             log.error("couldn't deserialize arguments dictionary");
             return kFailure;
-        }
-        if (!decoded.value().isDictionary()) {
-            // Storing the sender's pid into a value that is not a dictionary
-            // cannot be done; this ends the process outside the guarded call,
-            // and the service manager starts the daemon again.
-            platform_.process.exit(1);
         }
         args = *decoded.value().dictionary();
     }

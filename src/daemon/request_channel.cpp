@@ -1,3 +1,5 @@
+#include <chrono>
+
 #include "daemon/daemon_info.h"
 #include "daemon/supervisor.h"
 
@@ -11,9 +13,29 @@ constexpr const char* kArgumentsData = "argumentsData";
 constexpr const char* kReturnCode = "returnCodeInteger";
 constexpr const char* kReplyData = "replyData";
 
+// Every local user can send requests: a user's malformed ones make one line
+// a minute, and one more with how many were held back.
+constexpr auto kMalformedReportInterval = std::chrono::minutes(1);
+// How much of a malformed request its line shows.
+constexpr std::size_t kLoggedRequestPrefix = 512;
+
 const plist::Value* field(const plist::Dictionary& d, const char* key) {
     auto it = d.find(key);
     return it == d.end() ? nullptr : &it->second;
+}
+
+// The request as its line shows it: a prefix, cut between two characters,
+// and the length of the whole.
+std::string loggedRequest(const plist::Dictionary& fields) {
+    std::string text = plist::Value(fields).description();
+    if (text.size() <= kLoggedRequestPrefix) {
+        return text;
+    }
+    std::size_t cut = kLoggedRequestPrefix;
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0U) == 0x80U) {
+        --cut;
+    }
+    return text.substr(0, cut) + "... (" + std::to_string(text.size()) + " bytes)";
 }
 
 }  // namespace
@@ -67,10 +89,12 @@ void TYSupervisor::handlePeerEvent(const std::shared_ptr<MessageConnection>& con
             platform_.queue.post([this, connection] { connections_.erase(connection); });
             return;
         }
-        if (event.description.empty()) {
-            platform_.log.error("unexpected peer event");
-        } else {
-            platform_.log.error("unexpected peer event: %s", event.description);
+        if (mayReportMalformedRequest(connection->peerUid())) {
+            if (event.description.empty()) {
+                platform_.log.error("unexpected peer event");
+            } else {
+                platform_.log.error("unexpected peer event: %s", event.description);
+            }
         }
         connection->cancel();
         return;
@@ -79,8 +103,9 @@ void TYSupervisor::handlePeerEvent(const std::shared_ptr<MessageConnection>& con
     const KeyedMessage& message = *event.message;
     std::optional<CommandRequest> request = unpackRequest(&message);
     if (!request) {
-        platform_.log.error("error deserializing request: %s",
-                            plist::Value(message.fields).description());
+        if (mayReportMalformedRequest(connection->peerUid())) {
+            platform_.log.error("error deserializing request: %s", loggedRequest(message.fields));
+        }
         return;
     }
     plist::Bytes reply;
@@ -122,6 +147,26 @@ std::optional<CommandRequest> TYSupervisor::unpackRequest(const KeyedMessage* me
         }
     }
     return request;
+}
+
+bool TYSupervisor::mayReportMalformedRequest(std::uint32_t uid) {
+    auto [held, first] = heldBackRequests_.try_emplace(uid);
+    if (!first) {
+        ++held->second.count;
+        return false;
+    }
+    // The timer ends the user's minute: its entry, the timer included, goes.
+    held->second.report = platform_.queue.after(kMalformedReportInterval, [this, uid] {
+        auto entry = heldBackRequests_.extract(uid);
+        if (!entry.empty() && entry.mapped().count > 0) {
+            platform_.log.warning("WARNING: %d more malformed requests from uid %d were not logged",
+                                  entry.mapped().count, uid);
+        }
+    });
+    if (!held->second.report) {
+        heldBackRequests_.erase(held);  // without a timer nothing is held back
+    }
+    return true;
 }
 
 plist::Dictionary TYSupervisor::makeReply(int returnCode, const plist::Bytes& reply) {

@@ -141,6 +141,8 @@ class TYSupervisor final : public ServiceOwner {
 
   private:
     std::optional<plist::Dictionary> enable(Arguments& arguments, bool enabled);
+    // Whether a line about a malformed request from `uid` may be logged now.
+    bool mayReportMalformedRequest(std::uint32_t uid);
     int showNotice(const std::string& header, const std::string& message) const;
     void startCleanupJob(const char* label, const char* script);
 
@@ -163,6 +165,13 @@ class TYSupervisor final : public ServiceOwner {
     // Client connections, kept from their arrival until they report
     // themselves invalid.
     std::set<std::shared_ptr<MessageConnection>> connections_;
+    // Malformed requests of each user held back from the log, and the timer
+    // that reports them, while that user's minute runs.
+    struct HeldBackRequests {
+        std::size_t count = 0;
+        QueueSourcePtr report;
+    };
+    std::map<std::uint32_t, HeldBackRequests> heldBackRequests_;
 };
 
 }  // namespace tessary

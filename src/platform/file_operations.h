@@ -17,6 +17,7 @@ struct FileAttributes {
     std::uint64_t inode = 0;
     std::uint64_t size = 0;
     std::int64_t modificationNanoseconds = 0;
+    std::int64_t changeNanoseconds = 0;  // the inode's change time
     std::uint32_t mode = 0;
     std::uint32_t owner = 0;
     std::uint32_t group = 0;
@@ -40,6 +41,13 @@ class FileOperations {
                                    std::optional<std::uint32_t> mode) = 0;
     // Fails when `to` exists.
     virtual Status copyFile(const std::string& from, const std::string& to) = 0;
+    // Copies `from` into a new file in the directory of `to`, under a name
+    // that no other writer, in this process or another, can be using; the
+    // copy has exactly `mode` (whatever the mode of `from`) once it is whole,
+    // and is flushed. Returns the copy's path, for `replaceFile`; nothing is
+    // left behind when it fails.
+    virtual Result<std::string> copyBeside(const std::string& from, const std::string& to,
+                                           std::uint32_t mode) = 0;
     // Fails when `to` exists.
     virtual Status moveItem(const std::string& from, const std::string& to) = 0;
     // Puts the file `from` in the place of `to` in one step (both on one file
@@ -50,6 +58,11 @@ class FileOperations {
     // Entry names in the order the file system gives them.
     virtual Result<std::vector<std::string>> listDirectory(const std::string& path) = 0;
     virtual Result<FileAttributes> attributes(const std::string& path) = 0;
+    // Whether nobody but root can change the file or directory at `path`
+    // (links followed): it is owned by root, or by the user this process runs
+    // as, and neither its group nor others may write it. False when it cannot
+    // be read.
+    virtual bool writableOnlyByRoot(const std::string& path) = 0;
 };
 
 }  // namespace tessary

@@ -46,6 +46,8 @@ class MessageConnection {
     // Closes the connection; a ConnectionInvalid event follows.
     virtual void cancel() = 0;
     virtual std::int32_t peerPid() const = 0;
+    // The user the peer ran as when it connected, as the kernel reports it.
+    virtual std::uint32_t peerUid() const = 0;
 };
 
 struct ListenerEvent {

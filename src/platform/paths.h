@@ -26,10 +26,6 @@ class Paths {
         "/Applications/Tessary.app/Contents/TessaryRoot/System/Library/LaunchDaemons";
     static constexpr std::string_view kInstalledDaemon =
         "/Library/PrivilegedHelperTools/com.orvane.tessaryd";
-    // Where a self-update puts the new executable before it takes the
-    // installed one's place.
-    static constexpr std::string_view kStagedDaemon =
-        "/Library/PrivilegedHelperTools/.com.orvane.tessaryd.new";
     static constexpr std::string_view kAppDaemonCopy =
         "/Applications/Tessary.app/Contents/Library/LaunchServices/com.orvane.tessaryd";
     static constexpr std::string_view kDaemonJobDefinition =
@@ -39,7 +35,9 @@ class Paths {
     static constexpr std::string_view kUninstallExtras = "/Library/Tessary/.UninstallExtras";
     static constexpr std::string_view kAppIconName = "AppIcon.icns";
     // Linux facilities.
-    static constexpr std::string_view kRequestSocket = "/run/com.orvane.tessaryd";
+    // The request socket sits in a directory of its own: the daemon's
+    // sandbox keeps /run read-only and lets it write only there.
+    static constexpr std::string_view kRequestSocket = "/run/tessaryd/com.orvane.tessaryd";
     static constexpr std::string_view kSystemdPrivateSocket = "/run/systemd/private";
     static constexpr std::string_view kSystemdUnitDirectory = "/run/systemd/system";
     // The project's helper commands (jobtool, syslog), which the clean-up jobs
@@ -65,7 +63,6 @@ class Paths {
     std::string builtInDefinitions() const { return resolve(kBuiltInDefinitions); }
     std::string installedDaemon() const { return resolve(kInstalledDaemon); }
     std::string appDaemonCopy() const { return resolve(kAppDaemonCopy); }
-    std::string stagedDaemon() const { return resolve(kStagedDaemon); }
     std::string daemonJobDefinition() const { return resolve(kDaemonJobDefinition); }
     std::string supportDirectory() const { return resolve(kSupportDirectory); }
     std::string uninstallExtras() const { return resolve(kUninstallExtras); }

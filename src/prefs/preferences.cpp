@@ -1,5 +1,7 @@
 #include "prefs/preferences.h"
 
+#include <time.h>
+
 #include <cerrno>
 
 #include "plist/codec.h"
@@ -59,8 +61,25 @@ struct TYSupervisorPreferences::Read {
     Error error;
 };
 
+// Every read goes to the disk: the file is looked at each time, and what it
+// holds now is the answer. Only the decoding is spared: a file whose identity
+// (device, inode, size, modification and change times to the nanosecond) is
+// that of the file decoded last holds what it held then. The daemon's own
+// writes replace the file by rename, a new inode each time; an edit in place
+// changes its size or times; either is decoded anew. The identity is taken
+// before and after the bytes are read, and a file that changed in between,
+// or so recently that its times could still stay the same, is not
+// remembered.
 TYSupervisorPreferences::Read TYSupervisorPreferences::read() const {
     const std::string path = paths_.preferencesFile();
+    auto before = files_.attributes(path);
+    if (before) {
+        std::lock_guard lock(decodedMutex_);
+        if (decoded_ && decoded_->identity == before.value()) {
+            return {decoded_->value ? Read::Outcome::Parsed : Read::Outcome::Unparseable,
+                    decoded_->value, decoded_->error};
+        }
+    }
     auto bytes = files_.readFile(path);
     if (!bytes) {
         if (bytes.error().code == ENOENT) {
@@ -68,16 +87,30 @@ TYSupervisorPreferences::Read TYSupervisorPreferences::read() const {
         }
         return {Read::Outcome::Unreadable, std::nullopt, bytes.error()};
     }
+    Read read{Read::Outcome::Parsed, std::nullopt, {}};
     auto decoded = plist::decode(std::span<const std::uint8_t>(bytes.value()));
     if (!decoded) {
-        return {Read::Outcome::Unparseable, std::nullopt, decoded.error()};
-    }
-    if (!decoded.value().isDictionary()) {
-        return {Read::Outcome::Unparseable, std::nullopt,
+        read = {Read::Outcome::Unparseable, std::nullopt, decoded.error()};
+    } else if (!decoded.value().isDictionary()) {
+        read = {Read::Outcome::Unparseable, std::nullopt,
                 Error{"TYPropertyListErrorDomain", 3840,
                       "the preferences file does not hold a dictionary"}};
+    } else {
+        read.value = std::move(decoded).value();
     }
-    return {Read::Outcome::Parsed, std::move(decoded).value(), {}};
+    auto after = files_.attributes(path);
+    // A file changed within the file system clock's current tick could
+    // change again within it and keep its times: it is decoded again until
+    // its last change is older than that.
+    timespec now{};
+    (void)::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    const std::int64_t tick = static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+    if (before && after && before.value() == after.value() &&
+        after.value().changeNanoseconds < tick && after.value().modificationNanoseconds < tick) {
+        std::lock_guard lock(decodedMutex_);
+        decoded_ = Decoded{after.value(), read.value, read.error};
+    }
+    return read;
 }
 
 std::optional<plist::Bytes> TYSupervisorPreferences::preferencesData() const {
@@ -106,6 +139,11 @@ std::optional<Dictionary> TYSupervisorPreferences::mutablePreferences() const {
 }
 
 bool TYSupervisorPreferences::writePreferences(const Dictionary& preferences) const {
+    {
+        // Whatever the file holds after this, it is read and decoded anew.
+        std::lock_guard lock(decodedMutex_);
+        decoded_.reset();
+    }
     auto bytes = plist::encode(Value(preferences), plist::Format::Xml);
     if (!bytes) {
         log_.error("ERROR: Failure serializing preferences: %@", bytes.error());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,10 +13,12 @@
 
 namespace tessary {
 
-// The daemon's only persistent state: one XML property list. The store keeps
-// nothing in memory; every read goes to the disk and every change is a
-// read-modify-write of the whole file, so the file is always the one truth.
-// The object only knows where the file is and whom to tell about failures.
+// The daemon's only persistent state: one XML property list. Every read sees
+// the file as it is on disk at that moment and every change is a
+// read-modify-write of the whole file, so the file is always the one truth
+// (see read() for how a file unchanged since its last decoding is not
+// decoded again). The object knows where the file is, whom to tell about
+// failures, and the last file it decoded.
 //
 // Call it from the main queue only: read-modify-write cycles must not overlap.
 class TYSupervisorPreferences {
@@ -102,6 +105,14 @@ class TYSupervisorPreferences {
     const Paths& paths_;
     FileOperations& files_;
     SystemLog& log_;
+    // The file last decoded: what identifies it on disk, and what it held.
+    struct Decoded {
+        FileAttributes identity;
+        std::optional<plist::Value> value;
+        Error error;
+    };
+    mutable std::mutex decodedMutex_;
+    mutable std::optional<Decoded> decoded_;
 };
 
 }  // namespace tessary

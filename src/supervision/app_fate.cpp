@@ -1,4 +1,6 @@
 #include <chrono>
+#include <optional>
+#include <string>
 
 #include "daemon/supervisor.h"
 #include "model/supervised_job.h"
@@ -8,6 +10,31 @@ namespace tessary {
 namespace {
 
 constexpr const char* kBackendService = "com.orvane.tessaryadmind.backend";
+// The installed daemon runs as root: it is root's and nobody else's to change.
+constexpr std::uint32_t kInstalledDaemonMode = 0755;
+
+std::string parentOf(const std::string& path) {
+    return path.substr(0, path.find_last_of('/'));
+}
+
+// The first of `file` and the directories above it, up to and with
+// `bundle`, that someone other than root could change; none when there is
+// none.
+std::optional<std::string> changeableByOthers(FileOperations& files, const std::string& file,
+                                              const std::string& bundle) {
+    if (!files.writableOnlyByRoot(file)) {
+        return file;
+    }
+    for (std::string dir = parentOf(file); dir.size() >= bundle.size(); dir = parentOf(dir)) {
+        if (!files.writableOnlyByRoot(dir)) {
+            return dir;
+        }
+        if (dir == bundle) {
+            break;
+        }
+    }
+    return std::nullopt;
+}
 
 }  // namespace
 
@@ -75,21 +102,29 @@ void TYSupervisor::update() {
         SystemLog& log = platform_.log;
         std::optional<Error> failure;
 
+        // What the service manager will run as root comes only from a copy
+        // that nobody but root could have changed.
+        const std::string source = paths.appDaemonCopy();
+        const auto exposed = files.exists(source)
+                                 ? changeableByOthers(files, source, paths.appBundle())
+                                 : std::nullopt;
         // The new executable is copied beside the installed one and takes its
         // place in one rename: the service manager, or anyone, starting the
         // daemon meanwhile finds the old file or the new one, never a part.
-        const std::string staged = paths.stagedDaemon();
-        if (files.exists(staged)) {
-            (void)files.removeItem(staged);  // left by an update that died
-        }
-        if (Status copied = files.copyFile(paths.appDaemonCopy(), staged); !copied) {
+        if (exposed) {
+            log.error("ERROR: Not installing %@: users other than root can change %@", source,
+                      *exposed);
+            failure = Error{"Tessary", 1, "The daemon in the app can be changed by other users"};
+        } else if (auto staged =
+                       files.copyBeside(source, paths.installedDaemon(), kInstalledDaemonMode);
+                   !staged) {
             log.warning("WARNING: Copying of com.orvane.tessaryd failed");
-            failure = copied.error();
-        } else if (Status replaced = files.replaceFile(staged, paths.installedDaemon());
+            failure = staged.error();
+        } else if (Status replaced = files.replaceFile(staged.value(), paths.installedDaemon());
                    !replaced) {
             log.warning("WARNING: Removal of com.orvane.tessaryd failed");
             failure = replaced.error();
-            (void)files.removeItem(staged);
+            (void)files.removeItem(staged.value());
         } else if (files.exists(paths.setupDoneMarker())) {
             if (Status marker = files.removeItem(paths.setupDoneMarker()); !marker) {
                 log.warning("WARNING: Removal of .TessarySetupDone failed");

@@ -26,10 +26,13 @@ void TYSupervisor::loadServices() {
     SystemLog& log = platform_.log;
 
     const std::string directory = platform_.paths.builtInDefinitions();
+    // A definition becomes a job that may run as root: it is taken only from
+    // a file, and a directory, that nobody but root can change.
+    const bool directoryIsRoots = files.writableOnlyByRoot(directory);
     auto names = files.listDirectory(directory);
     for (const std::string& name : names ? names.value() : std::vector<std::string>{}) {
         const std::string path = directory + "/" + name;
-        if (extensionOf(name) != "plist") {
+        if (extensionOf(name) != "plist" || !directoryIsRoots || !files.writableOnlyByRoot(path)) {
             log.error("Error loading dictionary at path: %@", path);
             continue;
         }

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <cstring>
 
@@ -6,6 +7,7 @@
 #include "platform/linux/ipc/proc_code_signing_service.h"
 #include "platform/linux/polkit/polkit_authorization_service.h"
 #include "support/process.h"
+#include "support/temp_dir.h"
 
 namespace tessary::linux_backend {
 namespace {
@@ -95,6 +97,20 @@ TEST(ProcCodeSigning, ResolvesOnlyTheLiveProcessATokenNames) {
     me.startTime = *me.startTime + 1;
     EXPECT_NE(guestOf(me).status, 0);
     EXPECT_NE(signing.copyGuestWithAuditAttribute(attributeFor(nullptr)).status, 0);
+
+    // A sender that has ended but is not reaped yet still has its pid and
+    // start time; it is no code any more.
+    Child sender;
+    if (sender.pid == 0) {
+        ::_exit(0);
+    }
+    siginfo_t info{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(sender.pid), &info, WEXITED | WNOWAIT), 0);
+    me.pid = sender.pid;
+    me.startTime =
+        parseStatStartTime(testing::readFile("/proc/" + std::to_string(sender.pid) + "/stat"));
+    ASSERT_TRUE(me.startTime.has_value());
+    EXPECT_NE(guestOf(me).status, 0);
 }
 
 }  // namespace

@@ -108,10 +108,12 @@ class MessageServiceTest : public ::testing::Test {
 // names the sender. Each message carries the sender's audit token.
 TEST_F(MessageServiceTest, EachDatagramIsOneEventAndRepliesFollowInOrder) {
     // A socket left by an earlier run is replaced (the end-to-end tests
-    // restart the daemon over one); anything else at the path is kept.
+    // restart the daemon over one); anything else at the path is kept, and
+    // the daemon says why it has no channel.
     testing::writeFile(dir / "file", "keep");
     EXPECT_EQ(UnixMessageService(queue, log, dir / "file").createListener("x"), nullptr);
     EXPECT_EQ(testing::readFile(dir / "file"), "keep");
+    EXPECT_EQ(log.countStartingWith("ERROR: Unable to listen at '" + (dir / "file") + "'"), 1U);
 
     auto requestOfSize = [](std::size_t size) {
         Dictionary d{{"commandString", Value("x")}, {"f", Value::data(plist::Bytes(size))}};

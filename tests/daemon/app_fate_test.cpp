@@ -90,7 +90,9 @@ TEST_F(AppFateTest, FailedSelfUpdateSaysWhyAndDemotes) {
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[0], "WARNING: Removal of com.orvane.tessaryd failed");
     EXPECT_NE(lines[1].find("Read-only file system"), std::string::npos);
-    EXPECT_FALSE(std::filesystem::exists(t.paths.stagedDaemon()));
+    // Demoted, and no copy is left behind.
+    EXPECT_TRUE(
+        std::filesystem::is_empty(std::filesystem::path(t.paths.installedDaemon()).parent_path()));
     EXPECT_TRUE(t.serviceManager.isLoaded("com.orvane.tessaryd.UninstallExtras"));
 
     // An app without a daemon inside: copying fails.
@@ -100,6 +102,32 @@ TEST_F(AppFateTest, FailedSelfUpdateSaysWhyAndDemotes) {
     supervisor.update();
     EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
     EXPECT_EQ(t.log.lines()[0], "WARNING: Copying of com.orvane.tessaryd failed");
+}
+
+// The daemon in the app becomes root's executable: it is taken only when
+// nobody but root could have changed it or the directories up to the app
+// (else the update fails and demotes), and it is installed root's alone,
+// whatever its own mode.
+TEST_F(AppFateTest, SelfUpdateTakesOnlyADaemonNobodyButRootCouldChange) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to hand files to another user";
+    }
+    const std::string daemon = t.paths.appDaemonCopy();
+    const std::string dir = daemon.substr(0, daemon.rfind('/'));
+    const std::string app = t.paths.appBundle();
+    const std::vector<std::tuple<std::string, mode_t, uid_t>> table = {
+        {daemon, 0757, 0}, {daemon, 0775, 0}, {daemon, 0755, 65534},
+        {dir, 0777, 0},    {app, 0775, 0},    {daemon, 04700, 0}};  // the last one is taken
+    testing::writeFile(daemon, "new daemon");
+    for (const auto& [path, mode, owner] : table) {
+        ASSERT_EQ(::chown(path.c_str(), owner, owner) | ::chmod(path.c_str(), mode), 0);
+        supervisor.update();
+        EXPECT_THROW(t.queue.runPending(), testing::ProcessExited);
+        EXPECT_EQ(exists(t.paths.installedDaemon()), mode == 04700) << path;
+        ASSERT_EQ(::chown(path.c_str(), 0, 0) | ::chmod(path.c_str(), 0755), 0);
+    }
+    EXPECT_EQ(t.log.countStartingWith("ERROR: Not installing " + daemon), table.size() - 1);
+    EXPECT_EQ(t.files.attributes(t.paths.installedDaemon()).value().mode & 07777, 0755U);
 }
 
 TEST_F(AppFateTest, NoticesAndWhenTheFirstIsHeldBack) {

@@ -57,8 +57,8 @@ class DaemonFixture : public ::testing::Test {
     }
 
     // A connected client: the listener hands the supervisor a connection.
-    FakeConnection& connect(std::int32_t pid = kClientPid) {
-        auto c = std::make_shared<FakeConnection>(pid);
+    FakeConnection& connect(std::int32_t pid = kClientPid, std::uint32_t uid = 501) {
+        auto c = std::make_shared<FakeConnection>(pid, uid);
         connections.push_back(c);
         t.messages.listener->deliver({ListenerEvent::Kind::NewConnection, c, ""});
         return *c;

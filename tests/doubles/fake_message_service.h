@@ -10,7 +10,7 @@ namespace tessary::testing {
 // A connection a test drives: it pushes events in and reads the replies.
 class FakeConnection final : public MessageConnection {
   public:
-    explicit FakeConnection(std::int32_t pid) : pid_(pid) {}
+    explicit FakeConnection(std::int32_t pid, std::uint32_t uid = 501) : pid_(pid), uid_(uid) {}
     void setEventHandler(std::function<void(const PeerEvent&)> handler) override {
         handler_ = std::move(handler);
     }
@@ -21,6 +21,7 @@ class FakeConnection final : public MessageConnection {
     }
     void cancel() override { cancelled = true; }
     std::int32_t peerPid() const override { return pid_; }
+    std::uint32_t peerUid() const override { return uid_; }
 
     void deliver(const PeerEvent& event) {
         if (handler_) {
@@ -34,6 +35,7 @@ class FakeConnection final : public MessageConnection {
 
   private:
     std::int32_t pid_;
+    std::uint32_t uid_;
     std::function<void(const PeerEvent&)> handler_;
 };
 

@@ -12,13 +12,18 @@ namespace tessary::testing {
 // kernel would (a full disk, a read-only directory).
 class FaultyFileOperations final : public FileOperations {
   public:
-    enum class Op { Write, SetPermissions, CreateDirectory, Move, Remove };
+    enum class Op { Read, Write, SetPermissions, CreateDirectory, Move, Remove };
 
     void fail(Op op, int err = EIO) { failures_[op] = err; }
     void heal() { failures_.clear(); }
 
     bool exists(const std::string& p) override { return real_.exists(p); }
-    Result<plist::Bytes> readFile(const std::string& p) override { return real_.readFile(p); }
+    Result<plist::Bytes> readFile(const std::string& p) override {
+        if (auto it = failures_.find(Op::Read); it != failures_.end()) {
+            return Error::posix(it->second, "Unable to read '" + p + "'");
+        }
+        return real_.readFile(p);
+    }
     Status writeFileAtomically(const std::string& p, const plist::Bytes& b) override {
         return unless(Op::Write, p, [&] { return real_.writeFileAtomically(p, b); });
     }
@@ -30,6 +35,10 @@ class FaultyFileOperations final : public FileOperations {
     }
     Status copyFile(const std::string& f, const std::string& t) override {
         return real_.copyFile(f, t);
+    }
+    Result<std::string> copyBeside(const std::string& f, const std::string& t,
+                                   std::uint32_t mode) override {
+        return real_.copyBeside(f, t, mode);
     }
     Status moveItem(const std::string& f, const std::string& t) override {
         return unless(Op::Move, f, [&] { return real_.moveItem(f, t); });
@@ -44,6 +53,7 @@ class FaultyFileOperations final : public FileOperations {
         return real_.listDirectory(p);
     }
     Result<FileAttributes> attributes(const std::string& p) override { return real_.attributes(p); }
+    bool writableOnlyByRoot(const std::string& p) override { return real_.writableOnlyByRoot(p); }
 
   private:
     // The failure chosen for `op`, or what `real` does.

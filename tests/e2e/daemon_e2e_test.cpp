@@ -31,7 +31,7 @@ client::Reply ask(const std::string& command, Dictionary arguments = {}) {
     if (!arguments.empty()) {
         request.arguments = std::move(arguments);
     }
-    auto reply = client::sendRequest("/run/com.orvane.tessaryd", request, 20s);
+    auto reply = client::sendRequest("/run/tessaryd/com.orvane.tessaryd", request, 20s);
     EXPECT_TRUE(reply.ok()) << (reply.ok() ? "" : reply.error().description);
     return reply.ok() ? reply.value() : client::Reply{};
 }

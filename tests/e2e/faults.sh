@@ -4,7 +4,8 @@
 # preferences write, and the preferences file replaced by garbage. Each
 # time the daemon keeps answering, never leaves a half-written or foreign
 # preferences file, and brings the service manager back in line once the
-# fault is gone.
+# fault is gone. Last, another user's requests with arguments that are no
+# dictionary, in the middle of root's promotion.
 #
 #   faults.sh TESSARYCTL
 set -uo pipefail
@@ -102,5 +103,32 @@ rm -f "$prefs"
 "$ctl" enable com.example.idle >/dev/null
 check "a new file starts from the last switch" prefs_enable com.example.idle
 check "the service manager follows it" not_loaded com.example.probe
+
+echo "== another user's arguments that are no dictionary, during root's promotion"
+# The user without any right sends "status" with an array or a string as its
+# arguments while root's promotion holds: each is refused on a connection that
+# stays open, and the daemon (which nothing restarts here) runs on, so the
+# promotion ends as it was begun.
+backend=com.orvane.tessaryadmind.backend
+printf '<plist version="1.0"><dict><key>Label</key><string>%s</string><key>ProgramArguments</key>
+<array><string>/bin/sleep</string><string>1000</string></array></dict></plist>' "$backend" |
+    "$ctl" create --file - >/dev/null
+"$ctl" promote -- setpriv --reuid=65534 --regid=65534 --clear-groups /usr/bin/python3 -c '
+import plistlib, socket, sys
+s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+s.settimeout(10)
+s.connect("/run/com.orvane.tessaryd")
+codes = []
+for arguments in ([], "status", [{}], ""):
+    request = {"commandString": "status",
+               "argumentsData": plistlib.dumps(arguments, fmt=plistlib.FMT_BINARY)}
+    s.send(plistlib.dumps(request, fmt=plistlib.FMT_BINARY))
+    codes.append(plistlib.loads(s.recv(65536))["returnCodeInteger"])
+sys.exit(codes != [1, 1, 1, 1])'
+check "each request was refused and the promotion ended" test $? == 0
+daemon_lives() { [[ -n "$(ps -o stat= -p "$TESSARYD_PID" | grep -v '^Z')" ]]; }
+check "the daemon runs on" daemon_lives
+check "the machine is set up" test "$("$ctl" status | head -n 1)" == configured
+check "the services switched on stay on" prefs_enable com.example.idle "$backend"
 
 exit $((failures > 0))

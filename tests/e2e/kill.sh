@@ -24,7 +24,7 @@ import socket, sys
 s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
 s.settimeout(2)
 try:
-    s.connect("/run/com.orvane.tessaryd")
+    s.connect("/run/tessaryd/com.orvane.tessaryd")
 except OSError:
     sys.exit(1)
 PY

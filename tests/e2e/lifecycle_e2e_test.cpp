@@ -28,7 +28,7 @@ namespace fs = std::filesystem;
 using testing::commandOutput;
 using testing::eventually;
 
-constexpr const char* kSocket = "/run/com.orvane.tessaryd";
+constexpr const char* kSocket = "/run/tessaryd/com.orvane.tessaryd";
 constexpr const char* kPrefs = "/Library/Tessary/Setup/com.orvane.tessaryd.plist";
 constexpr const char* kMarker = "/var/db/.TessarySetupDone";
 constexpr const char* kInstalled = "/Library/PrivilegedHelperTools/com.orvane.tessaryd";

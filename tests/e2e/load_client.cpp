@@ -28,7 +28,7 @@ using tessary::plist::Dictionary;
 using tessary::plist::Value;
 namespace client = tessary::client;
 
-constexpr const char* kSocket = "/run/com.orvane.tessaryd";
+constexpr const char* kSocket = "/run/tessaryd/com.orvane.tessaryd";
 // Status, list, programArguments, enable and disable, as an app's window
 // asks them: mostly questions, a switch now and then (each switch makes the
 // daemon bring every service in line with the service manager).

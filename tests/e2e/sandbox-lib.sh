@@ -72,19 +72,23 @@ sandbox_wait_for_name() {
     return 1
 }
 
-# The app bundle BUNDLE at /Applications/Tessary.app with DAEMON inside it.
+# The app bundle BUNDLE at /Applications/Tessary.app with DAEMON inside it,
+# root's alone as an installed app is (the daemon takes nothing from it that
+# others may change), whoever owns the checkout.
 sandbox_app() {
     local bundle=$1 daemon=$2
     cp -a "$bundle" /Applications/Tessary.app
     mkdir -p /Applications/Tessary.app/Contents/Library/LaunchServices
     cp "$daemon" /Applications/Tessary.app/Contents/Library/LaunchServices/com.orvane.tessaryd
+    chown -R root:root /Applications/Tessary.app
+    chmod -R go-w /Applications/Tessary.app
 }
 
 # Waits until the daemon's socket is there.
 sandbox_wait_for_daemon() {
     local _
     for _ in $(seq 200); do
-        [[ -S /run/com.orvane.tessaryd ]] && return 0
+        [[ -S /run/tessaryd/com.orvane.tessaryd ]] && return 0
         sleep 0.05
     done
     return 1

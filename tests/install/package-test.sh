@@ -75,7 +75,7 @@ daemon_answers() {
 reboot() {
     systemctl --user stop com.orvane.tessaryd.service
     rm /run/systemd/system/com.orvane.tessaryd.service
-    rm -f /run/com.orvane.tessaryd
+    rm -f /run/tessaryd/com.orvane.tessaryd
     mkdir -p /usr/lib/systemd/user-generators
     ln -sf /usr/lib/systemd/system-generators/tessaryd-generator /usr/lib/systemd/user-generators/
     systemctl --user daemon-reload
@@ -106,7 +106,7 @@ remove_cleanly() {
     for path in /Applications/Tessary.app /Library/PrivilegedHelperTools /Library/LaunchDaemons \
         "/Library/Application Support" /usr/bin/tessaryctl /usr/lib/tessary \
         /usr/lib/systemd/system-generators/tessaryd-generator \
-        /usr/share/polkit-1/actions/com.orvane.tessaryd.policy /run/com.orvane.tessaryd \
+        /usr/share/polkit-1/actions/com.orvane.tessaryd.policy /run/tessaryd \
         /run/tessary-echo.sock /run/tessary-heartbeat /run/tessaryadmind-backend.state; do
         [[ ! -e "$path" ]] || fail "$path is left after removal"
     done
@@ -166,7 +166,7 @@ daemon_answers
 booted_from_generator
 [[ "$(systemctl --user show -P MainPID com.orvane.tessaryd.service)" != "$pid" ]] ||
     fail "the second install did not restart the daemon"
-rm /run/com.orvane.tessaryd
+rm /run/tessaryd/com.orvane.tessaryd
 remove_cleanly
 
 dpkg -P tessary >"$work/purge.log" 2>&1 || fail "dpkg -P failed: $(cat "$work/purge.log")"

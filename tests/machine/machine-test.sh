@@ -11,7 +11,10 @@
 # overlay whose upper layer is a tmpfs, with systemd-nspawn, and then inside,
 # checking each step:
 #   1. `apt-get install` of the package: the daemon runs as a system unit and
-#      answers tessaryctl;
+#      answers tessaryctl; the unit carries the package's sandbox (systemd's
+#      exposure figure at the goal, the capabilities and read-only paths in
+#      effect, a probe under the same settings refused writes elsewhere and
+#      sockets that are not Unix ones), and every later step runs under it;
 #   2. a sample service enabled runs as its unit; its arguments overridden,
 #      a new process runs with them; a dynamic service created runs, and is
 #      gone once destroyed;
@@ -27,8 +30,9 @@
 # The daemon's journal lines are printed when a step fails.
 #
 # Everything happens in a private mount and PID namespace, so that no mount
-# and no process outlives the script even when it is killed; on its way out
-# it stops the machine, unmounts and removes what it made.
+# and no process outlives the script even when it is killed, and in cgroups of
+# its own, so that machines of runs side by side keep apart; on its way out it
+# stops the machine, unmounts and removes what it made.
 #
 # Exit status 77 (CTest's "skipped") when not root, or when systemd-nspawn,
 # cpack's helpers or overlays are not there or the machine does not boot.
@@ -153,6 +157,7 @@ teardown() {
         wait_for 20 eval '! kill -0 -- "-$next_build_pid" 2>/dev/null'
     fi
     stop_machine
+    leave_own_cgroup 2>/dev/null
     if [[ -n "$work" ]]; then
         umount -R "$work" || umount -R -l "$work"
         rmdir "$work"
@@ -180,6 +185,58 @@ fail() {
     echo "machine-test: $*" >&2
     show_journal || true
     exit 1
+}
+
+# --- a cgroup of its own -----------------------------------------------------
+
+# With no systemd on this host, nspawn puts a machine in "payload" (and itself
+# in "supervisor") under the cgroup it was started from. Two machines started
+# from one cgroup, by two runs side by side, would share those: each machine's
+# systemd would count the other's processes as its own units' (a unit that is
+# not unloaded after its removal, a cgroup it cannot kill). The run moves into
+# a cgroup of its own in each hierarchy systemd uses, and takes it away at the
+# end.
+own_cgroups=()
+
+enter_own_cgroup() {
+    local hierarchy path mount cgroup cgroups name unified=/sys/fs/cgroup/unified
+    [[ "$(stat -fc %T /sys/fs/cgroup)" == cgroup2fs ]] && unified=/sys/fs/cgroup
+    # One name in every hierarchy: on a hybrid host nspawn takes its path
+    # from the unified one and makes the same in the systemd one.
+    name=$(mktemp -u tessary-machine.XXXXXXXX)
+    # Read whole before the first move: the file changes with it.
+    cgroups=$(</proc/self/cgroup)
+    while IFS=: read -r _ hierarchy path; do
+        case $hierarchy in
+        name=systemd) mount=/sys/fs/cgroup/systemd ;;
+        '') mount=$unified ;;
+        *) continue ;;
+        esac
+        [[ -w "$mount$path/cgroup.procs" ]] || continue
+        cgroup=$mount${path%/}/$name
+        mkdir "$cgroup" || continue
+        own_cgroups+=("$cgroup")
+        echo "$BASHPID" >"$cgroup/cgroup.procs" || continue
+    done <<<"$cgroups"
+}
+
+# True once every cgroup of the run is gone.
+own_cgroups_removed() {
+    local cgroup gone=0
+    for cgroup in "${own_cgroups[@]}"; do
+        [[ ! -d "$cgroup" ]] || find "$cgroup" -depth -type d -exec rmdir {} + 2>/dev/null || gone=1
+    done
+    return "$gone"
+}
+
+# The machine's last processes may take a moment to be reaped (this script
+# is their PID 1), and a cgroup goes only once it is empty.
+leave_own_cgroup() {
+    local cgroup
+    for cgroup in "${own_cgroups[@]}"; do
+        echo "$BASHPID" >"${cgroup%/*}/cgroup.procs"
+    done
+    wait_for 10 own_cgroups_removed
 }
 
 # --- the packages -----------------------------------------------------------
@@ -416,6 +473,104 @@ print(" ".join(c.recv(64).decode().strip() for c in clients))') || fail "no echo
         fail "units are left: $(machine systemctl list-units --all 'com.example.*')"
 }
 
+# --- the sandbox ------------------------------------------------------------
+
+readonly sandbox_dropin=/usr/lib/systemd/system/$daemon_unit.d/sandbox.conf
+# systemd-analyze's figure times ten: the daemon's unit must not be more
+# exposed than 2.0.
+readonly exposure_goal=20
+
+# The overall exposure that systemd-analyze gives UNIT (a unit name, or with
+# --offline=yes a unit file).
+exposure() {
+    machine systemd-analyze security --no-pager "$@" 2>/dev/null |
+        sed -n 's/.*Overall exposure level for .*: \([0-9.]*\) .*/\1/p'
+}
+
+# What a process may do under the drop-in's settings: write in a path of the
+# daemon's and elsewhere, open sockets of four families. It runs as a
+# transient unit of its own with each setting of the drop-in but the runtime
+# directory, which is the daemon's and which the probe's end would remove.
+sandbox_probe() {
+    local setting settings=()
+    while read -r setting; do
+        settings+=(--property="$setting")
+    done < <(machine grep -E '^[A-Za-z]+=' "$sandbox_dropin" | grep -v '^RuntimeDirectory')
+    machine systemd-run --wait --pipe --quiet "${settings[@]}" python3 -c '
+import os, socket
+for d in ("/Library/Tessary", "/Library", "/etc", "/run"):
+    try:
+        open(d + "/.sandbox-probe", "w").close()
+        os.unlink(d + "/.sandbox-probe")
+        print(d, "writable")
+    except OSError as e:
+        print(d, os.strerror(e.errno))
+for family in ("AF_UNIX", "AF_INET", "AF_INET6", "AF_NETLINK"):
+    try:
+        socket.socket(getattr(socket, family), socket.SOCK_DGRAM).close()
+        print(family, "allowed")
+    except OSError as e:
+        print(family, os.strerror(e.errno))'
+}
+
+# The daemon's unit carries the package's sandbox: systemd's assessment is
+# at the goal, the running daemon holds only the capabilities granted, and a
+# process under the same settings can neither write outside the daemon's
+# paths nor open a socket other than a Unix one. Prints the exposure of the
+# daemon without and with the sandbox beside systemd's own daemons and
+# others of this machine.
+step_sandbox() {
+    local pid status expected unit figures
+    [[ "$(machine systemctl show -P DropInPaths "$daemon_unit")" == "$sandbox_dropin" ]] ||
+        fail "the daemon's unit has the drop-ins: $(machine systemctl show -P DropInPaths "$daemon_unit")"
+    machine systemd-analyze security --no-pager --threshold="$exposure_goal" "$daemon_unit" \
+        >"$work/security.log" 2>&1 ||
+        fail "the daemon's unit is more exposed than the goal: $(cat "$work/security.log")"
+
+    [[ "$(machine systemctl show -P CapabilityBoundingSet "$daemon_unit")" == \
+        "cap_kill cap_setgid cap_setuid" ]] ||
+        fail "the capabilities: $(machine systemctl show -P CapabilityBoundingSet "$daemon_unit")"
+    [[ "$(machine systemctl show -P ProtectSystem "$daemon_unit")" == strict &&
+        "$(machine systemctl show -P ReadOnlyPaths "$daemon_unit")" == /run ]] ||
+        fail "the daemon's file system is not read-only: $(machine systemctl show \
+            -p ProtectSystem -p ReadOnlyPaths "$daemon_unit")"
+    pid=$(main_pid "$daemon_unit")
+    status=$(machine grep -E '^(CapEff|CapBnd|NoNewPrivs|Seccomp):' "/proc/$pid/status" | tr -s '\t' ' ')
+    # CAP_KILL, CAP_SETGID, CAP_SETUID: bits 5, 6 and 7.
+    expected=$'CapEff: 00000000000000e0\nCapBnd: 00000000000000e0\nNoNewPrivs: 1\nSeccomp: 2'
+    [[ "$status" == "$expected" ]] || fail "the running daemon's credentials: $status"
+
+    sandbox_probe >"$work/probe.log" 2>&1 || fail "the sandbox probe did not run: $(cat "$work/probe.log")"
+    expected='/Library/Tessary writable
+/Library Read-only file system
+/etc Read-only file system
+/run Read-only file system
+AF_UNIX allowed
+AF_INET Address family not supported by protocol
+AF_INET6 Address family not supported by protocol
+AF_NETLINK Address family not supported by protocol'
+    [[ "$(cat "$work/probe.log")" == "$expected" ]] ||
+        fail "under the sandbox a process may: $(cat "$work/probe.log")"
+
+    machine cp "/run/systemd/system/$daemon_unit" "$files/unsandboxed.service"
+    figures="without its sandbox $(exposure --offline=yes "$files/unsandboxed.service")"
+    figures+=", with it $(exposure "$daemon_unit")"
+    for unit in systemd-timesyncd systemd-networkd systemd-logind systemd-journald cockpit polkit dbus; do
+        figures+="; $unit $(exposure "$unit.service")"
+    done
+    echo "machine-test: exposure of the daemon $figures"
+}
+
+# Whatever the sandbox refuses the daemon shows in its journal, as the reason
+# of a failed step: through every step that ran, there was none.
+step_sandbox_refused_nothing() {
+    local refused
+    refused=$(machine journalctl --no-pager -q -t com.orvane.tessaryd --grep \
+        'Read-only file system|Operation not permitted|Permission denied|Address family not supported' \
+        2>/dev/null) || true
+    [[ -z "$refused" ]] || fail "the sandbox refused the daemon: $refused"
+}
+
 # What bash offers after WORDS... (the last one being completed), with the
 # completion the package installs.
 completions() {
@@ -431,6 +586,24 @@ step_completion() {
         fail "tessaryctl ena completes to: $(completions tessaryctl ena)"
     [[ "$(completions tessaryctl --json disable com.orvane.tessary.he)" == "$heartbeat" ]] ||
         fail "the labels complete to: $(completions tessaryctl --json disable com.orvane.tessary.he)"
+}
+
+# The echo service needs no privilege and gets none: started by its socket, it
+# answers as the user "nobody".
+step_echo_unprivileged() {
+    local answer pid
+    tessaryctl enable com.orvane.tessary.echo
+    answer=$(machine python3 -c 'import socket
+s = socket.socket(socket.AF_UNIX)
+s.settimeout(10)
+s.connect("/run/tessary-echo.sock")
+s.sendall(b"ping\n")
+print(s.makefile().readline(), end="")') || fail "no answer from the echo service"
+    [[ "$answer" == "Tessary echo: ping" ]] || fail "the echo service answered: $answer"
+    pid=$(main_pid com.orvane.tessary.echo.service)
+    [[ "$pid" != 0 && "$(machine ps -o user= -p "$pid")" == nobody ]] ||
+        fail "the echo service runs as $(machine ps -o user= -p "$pid")"
+    tessaryctl disable com.orvane.tessary.echo
 }
 
 # An administrator who is not root: tessaryctl asks for the password on the
@@ -617,6 +790,8 @@ step_remove_and_purge() {
     machine apt-get remove -y tessary >"$work/apt.log" 2>&1 ||
         fail "apt-get remove failed: $(cat "$work/apt.log")"
     ! grep tessary- "$work/apt.log" || fail "tessary-install complained"
+    # The manager drops units that lost their files on its own schedule.
+    wait_for 10 eval '[[ -z "$(project_leftovers)" ]]' || true
     left=$(project_leftovers)
     [[ -z "$left" ]] || fail "left after removal: $left"
     left=$(machine bash -c 'while read -r path; do [[ -d $path || ! -e $path ]] || echo "$path"; done' \
@@ -638,6 +813,7 @@ trap 'exit 143' TERM INT
 trap 'fail "line $LINENO: $BASH_COMMAND failed"' ERR
 started=$SECONDS
 
+enter_own_cgroup
 work=$(mktemp -d /tmp/tessary-machine.XXXXXX)
 mount -t tmpfs -o mode=0700 tmpfs "$work"
 # nspawn keeps its locks under /run/systemd/nspawn: keep them off the host.
@@ -666,9 +842,11 @@ first_deb=$(basename "$work"/first/tessary_*.deb)
 first_version=$(dpkg-deb -f "$work/root$files/$first_deb" Version)
 
 step_install
+step_sandbox
 step_services
 step_job_format
 step_completion
+step_echo_unprivileged
 step_administrator
 step_browser
 # TESSARY_MACHINE_UNTIL=browser ends the run here, for work on the page.
@@ -687,6 +865,7 @@ dpkg --compare-versions "$next_version" gt "$first_version" ||
     fail "$next_version is not later than $first_version"
 step_upgrade
 step_removal_notice
+step_sandbox_refused_nothing
 step_remove_and_purge
 
 echo "machine-test: installed, used, rebooted, upgraded to $next_version, removed and purged" \

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <fstream>
+#include <thread>
+
 #include "doubles/faulty_file_operations.h"
 #include "doubles/recording_system_log.h"
 #include "plist/codec.h"
@@ -120,6 +123,30 @@ TEST_F(PreferencesTest, DynamicServicesAndOverrides) {
     EXPECT_FALSE(prefs.programArgumentsForServiceJob("svc", "other"));
     prefs.removeProgramArgumentsForService("svc");
     EXPECT_EQ(stored().at("programArguments"), Value(Dictionary{}));
+}
+
+// Every read sees the file as it is on disk: one unchanged since it was
+// decoded is not read again, and any change (an edit in place of the same
+// size, even at once; a file renamed over it) is seen by the next read.
+TEST_F(PreferencesTest, ReadsSeeTheFileOnDiskAndDecodeOnlyChanges) {
+    auto editInPlace = [&](const std::string& from, const std::string& to) {
+        std::string text = testing::readFile(paths.preferencesFile());
+        text.replace(text.find(from), from.size(), to);
+        std::fstream(paths.preferencesFile(), std::ios::in | std::ios::out) << text;
+    };
+    store({{"enabledServices", strings({"aa"})}});
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_TRUE(prefs.serviceIsEnabled("aa"));
+    files.fail(FaultyFileOperations::Op::Read);
+    EXPECT_TRUE(prefs.serviceIsEnabled("aa"));  // not read again
+    files.heal();
+    for (const char* label : {"bb", "cc"}) {  // the second at once after a read
+        editInPlace(label[0] == 'b' ? "aa" : "bb", label);
+        EXPECT_TRUE(prefs.serviceIsEnabled(label)) << label;
+    }
+    store({{"enabledServices", strings({"dd"})}}, plist::Format::Xml, paths.root() + "/new");
+    std::filesystem::rename(paths.root() + "/new", paths.preferencesFile());
+    EXPECT_TRUE(prefs.serviceIsEnabled("dd"));
 }
 
 // Every mutator on every kind of file is the fuzzer's; here, the line each

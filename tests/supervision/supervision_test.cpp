@@ -43,6 +43,10 @@ TEST_F(SupervisionTest, LoadingReportsEveryRejectedDefinition) {
     t.addDefinition("nolabel.plist", Value(Dictionary{{"Program", Value("/bin/true")}}));
     testing::writeFile(builtIn("garbage.plist"), "<plist><dict><key>Label</key>");
     testing::writeFile(builtIn("array.plist"), "<plist version=\"1.0\"><array/></plist>");
+    // Jobs run as root: a definition others may write is none.
+    namespace fs = std::filesystem;
+    t.addDefinition("others.plist", definition("com.example.others"));
+    fs::permissions(builtIn("others.plist"), fs::perms::others_write, fs::perm_options::add);
     prefs.setServiceEnabled("com.example.ok", true);
 
     supervisor.loadServices();
@@ -56,7 +60,7 @@ TEST_F(SupervisionTest, LoadingReportsEveryRejectedDefinition) {
     std::vector<std::string> expected;
     for (const auto& n : names) {
         if (n == loser || n == "ok.plist.bak" || n == ".plist" || n == "nolabel.plist" ||
-            n == "garbage.plist" || n == "array.plist") {
+            n == "garbage.plist" || n == "array.plist" || n == "others.plist") {
             expected.push_back("Error loading dictionary at path: " + builtIn(n));
         }
     }
@@ -70,6 +74,13 @@ TEST_F(SupervisionTest, LoadingReportsEveryRejectedDefinition) {
     EXPECT_EQ(*supervisor.serviceWithLabel("com.example.dup")->dictionary().find("n"),
               Value::integer(*first == "one.plist" ? 1 : 2));
     EXPECT_EQ(t.serviceManager.asked().submitCalls, 0);  // loading starts nothing
+
+    // Nor is any from a directory that its group may write.
+    fs::permissions(t.paths.builtInDefinitions(), fs::perms::group_write, fs::perm_options::add);
+    t.log.clear();
+    supervisor.loadServices();
+    EXPECT_TRUE(labels().empty());
+    EXPECT_EQ(t.log.lines().size(), names.size());
 }
 
 TEST_F(SupervisionTest, DynamicServicesShareTheLabelsAndStaleOnesVanish) {

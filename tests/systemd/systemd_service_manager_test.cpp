@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <random>
 #include <thread>
 
 #include "base/unique_fd.h"
@@ -308,6 +309,80 @@ TEST_F(SystemdServiceManagerTest, InetdJobServesEachConnectionAndGoesWhole) {
     EXPECT_EQ(testing::commandOutput(instances + " --all"), "");
     EXPECT_FALSE(unitFileExists(job + "@.service"));
     EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+// With a main loop, whether a job is loaded is answered from a picture taken
+// once a turn of the loop. Its answers are those a question by name gives at
+// that moment: through random submits and removals, which the picture
+// follows within a turn, and changes made by others (stops, starts, a unit
+// file gone, a file elsewhere that takes the unit's place), seen from the
+// next turn, every job's answer is compared with a live question.
+TEST_F(SystemdServiceManagerTest, LoadedAnswersMatchALiveQuestionThroughRandomChanges) {
+    sd_event* rawEvent = nullptr;
+    ASSERT_GE(sd_event_new(&rawEvent), 0);
+    const SdEventPtr event(rawEvent);
+    SystemdServiceManager looped{{testing::kManagerSocket, kManagerUnitDirectory, "", event.get()},
+                                 log};
+    const std::string elsewhere = std::string(std::getenv("XDG_CONFIG_HOME")) + "/systemd/user";
+    std::filesystem::create_directories(elsewhere);
+    std::vector<Dictionary> jobs = {probeJob(label("plain")), probeJob(label("runs")),
+                                    probeJob(label("socket")), probeJob(label("inetd"))};
+    jobs[1]["RunAtLoad"] = Value::boolean(true);
+    jobs[2]["Sockets"] = Value(
+        Dictionary{{"s", Value(Dictionary{{"SockPathName", Value(dir.path() + "/socket")}})}});
+    jobs[3]["Sockets"] =
+        Value(Dictionary{{"s", Value(Dictionary{{"SockPathName", Value(dir.path() + "/inetd")}})}});
+    jobs[3]["inetdCompatibility"] = Value(Dictionary{{"Wait", Value::boolean(false)}});
+    auto systemctl = [](const std::string& args) {
+        (void)std::system(("systemctl --user --quiet " + args + " 2>/dev/null").c_str());
+    };
+    std::mt19937 random(20261125);
+    for (int step = 0; step < 120; ++step) {
+        const std::string job = *jobs[random() % jobs.size()].at("Label").string();
+        const Dictionary& dict = *std::find_if(jobs.begin(), jobs.end(), [&](const Dictionary& d) {
+            return *d.at("Label").string() == job;
+        });
+        const char* unit = random() % 2 == 0 ? ".service" : ".socket";
+        const auto op = random() % 6;
+        switch (op) {
+            case 0:
+                (void)looped.submitJob(Value(dict), auth);
+                break;
+            case 1:
+                (void)looped.removeJob(job, auth, true);
+                break;
+            case 2:
+                systemctl((random() % 2 == 0 ? "stop " : "start ") + job + unit);
+                break;
+            case 3:
+                std::filesystem::remove(std::string(kManagerUnitDirectory) + "/" + job + unit);
+                systemctl("daemon-reload");
+                break;
+            case 4:
+                testing::writeFile(elsewhere + "/" + job + ".service",
+                                   "[Service]\nExecStart=/bin/sleep 1000\n");
+                systemctl("daemon-reload");
+                break;
+            default:
+                std::filesystem::remove(elsewhere + "/" + job + ".service");
+                systemctl("daemon-reload");
+        }
+        // Another's change is seen from the next turn of the loop; the
+        // backend's own, within the turn.
+        if (op >= 2 || step % 3 == 0) {
+            (void)sd_event_run(event.get(), 0);
+        }
+        for (const auto& each : jobs) {
+            const std::string& name = *each.at("Label").string();
+            ASSERT_EQ(looped.jobIsEnabled(name), backend.jobIsEnabled(name))
+                << "step " << step << ", " << name;
+        }
+    }
+    std::filesystem::remove_all(elsewhere);
+    systemctl("daemon-reload");
+    for (const auto& each : jobs) {
+        (void)backend.removeJob(*each.at("Label").string(), auth, true);
+    }
 }
 
 TEST_F(SystemdServiceManagerTest, RemovesOfDifferentJobsOverlapInTime) {

@@ -9,6 +9,7 @@
 #include "base/error.h"
 #include "base/unique_fd.h"
 #include "platform/authorization_service.h"
+#include "platform/paths.h"
 #include "plist/value.h"
 
 namespace tessary::client {
@@ -16,7 +17,8 @@ namespace tessary::client {
 // Talking to tessaryd over its request socket: one request, one reply, each
 // one datagram holding a binary property list.
 
-inline constexpr const char* kDefaultSocket = "/run/com.orvane.tessaryd";
+// The daemon's own socket path (a literal, so its data ends in a NUL).
+inline constexpr const char* kDefaultSocket = Paths::kRequestSocket.data();
 inline constexpr std::chrono::milliseconds kDefaultTimeout{10000};
 // The daemon reads no request longer than this.
 inline constexpr std::size_t kMaxRequest = std::size_t{256} * 1024;

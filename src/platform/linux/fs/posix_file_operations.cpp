@@ -64,6 +64,23 @@ std::string temporaryNameFor(const std::string& path) {
     return dir + "." + base + suffix + ".tmp";
 }
 
+// Copies what `in` holds to `out`; 0 or the errno of the failure.
+int copyContents(int in, int out) {
+    std::uint8_t buf[65536];
+    for (;;) {
+        const ssize_t n = ::read(in, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 || (n > 0 && !writeAll(out, buf, static_cast<std::size_t>(n)))) {
+            return errno;
+        }
+        if (n == 0) {
+            return 0;
+        }
+    }
+}
+
 Status fsyncDirectory(const std::string& dir) {
     UniqueFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd || ::fsync(fd.get()) != 0) {
@@ -188,27 +205,40 @@ Status PosixFileOperations::copyFile(const std::string& from, const std::string&
     if (!out) {
         return failure(errno, "copy to", to);
     }
-    std::uint8_t buf[65536];
-    for (;;) {
-        const ssize_t n = ::read(in.get(), buf, sizeof buf);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0 || (n > 0 && !writeAll(out.get(), buf, static_cast<std::size_t>(n)))) {
-            const int err = errno;
-            ::unlink(to.c_str());
-            return failure(err, "copy to", to);
-        }
-        if (n == 0) {
-            break;
-        }
+    int err = copyContents(in.get(), out.get());
+    if (err == 0 && (::fchmod(out.get(), st.st_mode & 07777) != 0 || ::fsync(out.get()) != 0)) {
+        err = errno;
     }
-    if (::fchmod(out.get(), st.st_mode & 07777) != 0 || ::fsync(out.get()) != 0) {
-        const int err = errno;
+    if (err != 0) {
         ::unlink(to.c_str());
         return failure(err, "copy to", to);
     }
     return {};
+}
+
+Result<std::string> PosixFileOperations::copyBeside(const std::string& from, const std::string& to,
+                                                    std::uint32_t mode) {
+    UniqueFd in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!in) {
+        return failure(errno, "copy", from);
+    }
+    // Its own name, so that two writers never write into, rename or remove
+    // each other's copy; closed to everyone else until it is whole.
+    const std::string copy = temporaryNameFor(to);
+    UniqueFd out(::open(copy.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!out) {
+        return failure(errno, "copy to", copy);
+    }
+    int err = copyContents(in.get(), out.get());
+    if (err == 0 &&
+        (::fchmod(out.get(), static_cast<mode_t>(mode)) != 0 || ::fsync(out.get()) != 0)) {
+        err = errno;
+    }
+    if (err != 0) {
+        ::unlink(copy.c_str());
+        return failure(err, "copy to", copy);
+    }
+    return copy;
 }
 
 Status PosixFileOperations::moveItem(const std::string& from, const std::string& to) {
@@ -272,10 +302,18 @@ Result<FileAttributes> PosixFileOperations::attributes(const std::string& path) 
     a.size = static_cast<std::uint64_t>(st.st_size);
     a.modificationNanoseconds =
         static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    a.changeNanoseconds =
+        static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
     a.mode = st.st_mode;
     a.owner = st.st_uid;
     a.group = st.st_gid;
     return a;
+}
+
+bool PosixFileOperations::writableOnlyByRoot(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && (st.st_uid == 0 || st.st_uid == ::geteuid()) &&
+           (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 }  // namespace tessary::linux_backend

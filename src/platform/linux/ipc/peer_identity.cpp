@@ -132,6 +132,13 @@ Result<std::uint64_t> processStartTime(std::int32_t pid) {
     if (!start) {
         return Error{"TYProcErrorDomain", 1, "no start time in " + path};
     }
+    // A zombie's file stays until it is reaped, but the process has ended.
+    const std::string_view line = text.value();
+    const std::size_t close = line.rfind(')');
+    const char state = close + 2 < line.size() ? line[close + 2] : 'X';
+    if (state == 'Z' || state == 'X') {
+        return Error{"TYProcErrorDomain", 3, "the process has ended: " + path};
+    }
     return *start;
 }
 

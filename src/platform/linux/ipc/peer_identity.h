@@ -24,7 +24,7 @@ inline constexpr std::uint32_t kUnsetId = 0xFFFFFFFF;
 // the fields are counted from the last ')'. None when the line is not one.
 std::optional<std::uint64_t> parseStatStartTime(std::string_view statLine);
 
-// The start time of a live process, from /proc/PID/stat.
+// The start time of a live process, from /proc/PID/stat; a zombie has none.
 Result<std::uint64_t> processStartTime(std::int32_t pid);
 
 // The real and effective ids of the "Uid:" and "Gid:" lines of /proc/PID/status.

@@ -1,7 +1,5 @@
 #include "platform/linux/ipc/proc_code_signing_service.h"
 
-#include <unistd.h>
-
 #include <cstring>
 
 #include "platform/linux/ipc/peer_identity.h"
@@ -25,18 +23,12 @@ CodeSigningService::Guest ProcCodeSigningService::copyGuestWithAuditAttribute(
     }
     // The token keeps only the low half of the start time; a process that
     // took over the pid since differs there too, short of a 2^32-tick wrap.
+    // A process that has ended (a zombie) has no start time.
     auto start = processStartTime(pid);
     if (!start || static_cast<std::uint32_t>(start.value()) != words.startTimeLow) {
         return {kNoSuchCode, nullptr};
     }
-    const std::string link = "/proc/" + std::to_string(pid) + "/exe";
-    char target[4096];
-    const ssize_t n = ::readlink(link.c_str(), target, sizeof target);
-    if (n <= 0 || static_cast<std::size_t>(n) >= sizeof target) {
-        return {kNoSuchCode, nullptr};  // a kernel thread, a zombie, or gone
-    }
-    return {0,
-            std::make_unique<ProcessCode>(pid, std::string(target, static_cast<std::size_t>(n)))};
+    return {0, std::make_unique<ProcessCode>(pid)};
 }
 
 CodeSigningService::Compiled ProcCodeSigningService::createRequirement(const std::string& text) {

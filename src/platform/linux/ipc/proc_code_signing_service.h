@@ -8,8 +8,10 @@ namespace tessary::linux_backend {
 
 // Code identity on Linux, from /proc. There is no code signature to check:
 // a client's code is the process its audit token names, found alive (same pid,
-// same start time) with a readable executable. The one requirement this
-// system knows is "true", met by every process that is found.
+// same start time, not a zombie) in its world-readable /proc/PID/stat. Its
+// executable (/proc/PID/exe) is not read: for another user's process that
+// takes the right to trace it, which the daemon does not hold. The one
+// requirement this system knows is "true", met by every process that is found.
 class ProcCodeSigningService final : public CodeSigningService {
   public:
     static constexpr int kNoSuchCode = -67068;
@@ -18,14 +20,11 @@ class ProcCodeSigningService final : public CodeSigningService {
 
     class ProcessCode final : public StaticCode {
       public:
-        ProcessCode(std::int32_t pid, std::string executable)
-            : pid_(pid), executable_(std::move(executable)) {}
+        explicit ProcessCode(std::int32_t pid) : pid_(pid) {}
         std::int32_t pid() const { return pid_; }
-        const std::string& executable() const { return executable_; }
 
       private:
         std::int32_t pid_;
-        std::string executable_;
     };
     class TrueRequirement final : public CodeRequirement {};
 

@@ -238,6 +238,7 @@ class UnixConnection final : public MessageConnection,
     void cancel() override { close(); }
 
     std::int32_t peerPid() const override { return peer_.pid; }
+    std::uint32_t peerUid() const override { return peer_.uid; }
 
   private:
     enum class SendResult : std::uint8_t { Sent, Full, Failed };
@@ -572,26 +573,52 @@ std::unique_ptr<MessageListener> UnixMessageService::createListener(std::string_
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path_.empty() || path_.size() >= sizeof address.sun_path) {
+        log_.error("ERROR: Unable to listen at '%@': the path does not fit a socket address",
+                   path_);
         return nullptr;
     }
     std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
 
+    // Whatever step fails, the reason is the call's errno.
+    auto failed = [&](const char* step) -> std::unique_ptr<MessageListener> {
+        log_.error("ERROR: Unable to listen at '%@': %@", path_, Error::posix(errno, step));
+        return nullptr;
+    };
+    // The service manager makes the socket's directory for the daemon's
+    // unit; run any other way, the daemon makes it itself.
+    const std::size_t slash = path_.find_last_of('/');
+    const std::string directory =
+        slash == std::string::npos ? std::string() : path_.substr(0, slash);
+    struct stat st {};
+    if (!directory.empty() && ::stat(directory.c_str(), &st) != 0 &&
+        ::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) {
+        return failed("mkdir");
+    }
     UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!fd) {
-        return nullptr;
+        return failed("socket");
     }
-    struct stat st {};
     if (::lstat(path_.c_str(), &st) == 0) {
-        if (!S_ISSOCK(st.st_mode) || ::unlink(path_.c_str()) != 0) {
+        if (!S_ISSOCK(st.st_mode)) {
+            log_.error("ERROR: Unable to listen at '%@': a file that is not a socket is there",
+                       path_);
             return nullptr;
+        }
+        if (::unlink(path_.c_str()) != 0) {
+            return failed("unlink");
         }
     }
     if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        return nullptr;
+        return failed("bind");
     }
-    if (::chmod(path_.c_str(), 0666) != 0 || ::listen(fd.get(), SOMAXCONN) != 0) {
+    const char* step = ::chmod(path_.c_str(), 0666) != 0    ? "chmod"
+                       : ::listen(fd.get(), SOMAXCONN) != 0 ? "listen"
+                                                            : nullptr;
+    if (step != nullptr) {
+        const int err = errno;
         (void)::unlink(path_.c_str());
-        return nullptr;
+        errno = err;
+        return failed(step);
     }
     return std::make_unique<UnixListener>(queue_, log_, std::move(fd));
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <string_view>
 
 #include "platform/linux/sd_handles.h"
 
@@ -14,6 +15,11 @@ constexpr const char* kLogind = "org.freedesktop.login1";
 constexpr const char* kManagerPath = "/org/freedesktop/login1";
 constexpr const char* kManagerInterface = "org.freedesktop.login1.Manager";
 constexpr const char* kDelayWhy = "Taking down the services that stop for sleep";
+// The bus itself: no client can own this name or send in it.
+constexpr const char* kBusDriver = "org.freedesktop.DBus";
+constexpr const char* kLogindOwnerMatch =
+    "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+    "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.freedesktop.login1'";
 
 std::uint64_t timeoutMicroseconds() {
     return static_cast<std::uint64_t>(
@@ -54,6 +60,29 @@ int inhibit(sd_bus* bus, const char* what, const char* who, const char* why, con
     return lockFromReply(reply.get(), out);
 }
 
+// The unique name that owns logind's name now.
+int logindOwner(sd_bus* bus, std::string& out) {
+    SdBusError error;
+    sd_bus_message* raw = nullptr;
+    int r = sd_bus_call_method(bus, kBusDriver, "/org/freedesktop/DBus", kBusDriver, "GetNameOwner",
+                               error.get(), &raw, "s", kLogind);
+    SdBusMessagePtr reply(raw);
+    const char* owner = nullptr;
+    if (r >= 0 && (r = sd_bus_message_read(raw, "s", &owner)) >= 0) {
+        out = owner;
+    }
+    return r;
+}
+
+// A signal the bus sent to every listener from `sender`: not one addressed
+// to this connection alone, which any client may send with any content, and
+// which the bus hands over whatever the match rules say.
+bool broadcastFrom(sd_bus_message* message, std::string_view sender) {
+    const char* from = sd_bus_message_get_sender(message);
+    return sd_bus_message_get_destination(message) == nullptr && from != nullptr &&
+           !sender.empty() && sender == from;
+}
+
 }  // namespace
 
 struct LogindSystemPowerNotifier::Registered {
@@ -66,11 +95,15 @@ struct LogindSystemPowerNotifier::Registered {
 
     Callback callback;
     // Destroyed in reverse order: the slots before the bus they refer to.
-    SdBusPtr bus;         // the port; null once destroyed
-    SdBusSlotPtr match;   // the notifier; null once deregistered
-    SdBusSlotPtr retake;  // an Inhibit call in flight after wake
-    UniqueFd delayLock;   // the connection's lock
+    SdBusPtr bus;             // the port; null once destroyed
+    SdBusSlotPtr match;       // the notifier; null once deregistered
+    SdBusSlotPtr ownerMatch;  // logind's name changing hands
+    SdBusSlotPtr retake;      // an Inhibit call in flight after wake
+    UniqueFd delayLock;       // the connection's lock
     bool connectionOpen = true;
+    // Sleep and wake are taken only from the process that owns logind's
+    // name: its unique name, or empty while nobody owns it.
+    std::string logindOwner;
     Phase phase = Phase::Awake;
     std::intptr_t announcedSleep = 0;
 
@@ -81,10 +114,24 @@ struct LogindSystemPowerNotifier::Registered {
 namespace {
 
 int onPrepareForSleep(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
+    auto* r = static_cast<LogindSystemPowerNotifier::Registered*>(userdata);
     int sleeping = 0;
-    if (sd_bus_message_read(message, "b", &sleeping) >= 0) {
-        static_cast<LogindSystemPowerNotifier::Registered*>(userdata)->prepareForSleep(sleeping !=
-                                                                                       0);
+    if (broadcastFrom(message, r->logindOwner) &&
+        sd_bus_message_read(message, "b", &sleeping) >= 0) {
+        r->prepareForSleep(sleeping != 0);
+    }
+    return 0;
+}
+
+int onLogindOwnerChanged(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {
+    auto* r = static_cast<LogindSystemPowerNotifier::Registered*>(userdata);
+    const char* name = nullptr;
+    const char* before = nullptr;
+    const char* after = nullptr;
+    if (broadcastFrom(message, kBusDriver) &&
+        sd_bus_message_read(message, "sss", &name, &before, &after) >= 0 &&
+        std::string_view(name) == kLogind) {
+        r->logindOwner = after;
     }
     return 0;
 }
@@ -155,15 +202,23 @@ SystemPowerNotifier::Registration LogindSystemPowerNotifier::registerForSystemPo
     if (connectTo(address_, r->bus) < 0) {
         return {};
     }
-    // The match first: a sleep that starts while the lock is being taken is
-    // still heard.
+    // The matches first: a sleep that starts while the lock is being taken
+    // is still heard, and so is a new owner of logind's name.
     sd_bus_slot* slot = nullptr;
+    if (sd_bus_add_match(r->bus.get(), &slot, kLogindOwnerMatch, onLogindOwnerChanged, r.get()) <
+        0) {
+        return {};
+    }
+    r->ownerMatch.reset(slot);
     if (sd_bus_match_signal(r->bus.get(), &slot, kLogind, kManagerPath, kManagerInterface,
                             "PrepareForSleep", onPrepareForSleep, r.get()) < 0) {
         return {};
     }
     r->match.reset(slot);
-    if (inhibit(r->bus.get(), "sleep", kWho, kDelayWhy, "delay", r->delayLock) < 0) {
+    // The owner is asked after the call that may have started logind. A
+    // change announced meanwhile is read after the answer, in bus order.
+    if (inhibit(r->bus.get(), "sleep", kWho, kDelayWhy, "delay", r->delayLock) < 0 ||
+        logindOwner(r->bus.get(), r->logindOwner) < 0) {
         return {};
     }
     const std::uint32_t handle = nextHandle_++;
@@ -193,6 +248,7 @@ void LogindSystemPowerNotifier::setDispatchQueue(std::uint32_t port, MainQueue& 
 void LogindSystemPowerNotifier::deregister(std::uint32_t notifier) {
     if (Registered* r = find(notifier)) {
         r->match.reset();
+        r->ownerMatch.reset();
         forgetIfDone(notifier);
     }
 }
@@ -200,6 +256,7 @@ void LogindSystemPowerNotifier::deregister(std::uint32_t notifier) {
 void LogindSystemPowerNotifier::destroyPort(std::uint32_t port) {
     if (Registered* r = find(port)) {
         r->match.reset();
+        r->ownerMatch.reset();
         r->retake.reset();
         if (r->bus) {
             (void)sd_bus_detach_event(r->bus.get());

@@ -27,7 +27,11 @@ inline constexpr std::chrono::seconds kLogindCallTimeout{5};
 // - the port: the connection itself; its messages wait in the socket until
 //   `setDispatchQueue` attaches it to the main queue's sd-event loop;
 // - the notifier: the match on logind's PrepareForSleep signal. true arrives
-//   as kSystemWillSleep with a fresh argument, false as kSystemHasPoweredOn;
+//   as kSystemWillSleep with a fresh argument, false as kSystemHasPoweredOn.
+//   Only a signal that the current owner of logind's name sent to every
+//   listener counts: the owner is followed through the bus's NameOwnerChanged,
+//   and a signal addressed to this connection alone, which the bus delivers
+//   from anyone whatever the match says, is ignored;
 // - the connection: a "delay" inhibitor lock on sleep, held while
 //   registered. logind holds the system awake (up to its InhibitDelayMaxSec)
 //   until the lock is closed; `allowPowerChange` with the will-sleep's

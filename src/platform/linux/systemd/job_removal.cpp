@@ -35,6 +35,16 @@ bool callerRunsIn(const std::string& unit) {
 
 Status SystemdServiceManager::removeJob(std::string_view label,
                                         const AuthorizationRef& authorization, bool wait) {
+    Status status = removeJobUnits(label, authorization, wait);
+    // Only a removal waited for is known to have let every unit go.
+    const std::string name(label);
+    pictureChanged({name + ".service", name + ".socket", name + ".timer", name + ".path"}, false,
+                   status.ok() && wait);
+    return status;
+}
+
+Status SystemdServiceManager::removeJobUnits(std::string_view label,
+                                             const AuthorizationRef& authorization, bool wait) {
     if (!authorization) {
         return notAuthorized("remove");
     }
@@ -120,7 +130,7 @@ Status SystemdServiceManager::removeJob(std::string_view label,
     // manager has only the instances serving connections.
     const std::string templateService = std::string(label) + "@.service";
     std::vector<std::string> ownInstances;
-    auto instances = bus.unitsMatching(std::string(label) + "@*.service");
+    auto instances = bus.unitsMatching({std::string(label) + "@*.service"});
     if (!instances) {
         return instances.error();
     }

@@ -46,6 +46,11 @@ Status SystemdServiceManager::submitJob(const plist::Value& job,
     }
     const UnitTranslation& t = translated.value();
     for (const Finding& finding : t.findings) {
+        // The daemon's own job names its request endpoint, which the daemon
+        // opens itself as its socket: nothing is missing there.
+        if (t.label == options_.generatedLabel && finding.key == "MachServices") {
+            continue;
+        }
         if (finding.kind == FindingKind::Ignored) {
             log_.warning("WARNING: Job %@: %@ is ignored: %@", t.label, finding.key,
                          finding.reason);
@@ -103,8 +108,11 @@ Status SystemdServiceManager::submitJob(const plist::Value& job,
             (void)removeUnitFile(options_.unitDirectory, name);
         }
         (void)ensureUnloaded(*bus, options_, names);
+        pictureChanged(names, false, false);
         return status;
     }
+    // Loaded: the units are the job's, whether or not they start.
+    pictureChanged(names, true, true);
 
     const std::vector<std::string> toStart = t.unitsToStart();
     if (toStart.empty()) {

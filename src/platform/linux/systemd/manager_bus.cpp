@@ -151,8 +151,8 @@ Result<UnitState> ManagerBus::unitState(const std::string& unit) {
 }
 
 Result<std::vector<std::pair<std::string, UnitState>>> ManagerBus::unitsMatching(
-    const std::string& pattern) {
-    return listUnits("ListUnitsByPatterns", {pattern}, true);
+    const std::vector<std::string>& patterns) {
+    return listUnits("ListUnitsByPatterns", patterns, true);
 }
 
 Result<std::string> ManagerBus::stringProperty(const std::string& path, const char* interface,

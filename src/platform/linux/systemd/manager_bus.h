@@ -88,10 +88,10 @@ class ManagerBus {
 
     Result<UnitState> unitState(const std::string& unit);
 
-    // The units the manager has in memory whose names match `pattern` (a
-    // shell pattern), with their states.
+    // The units the manager has in memory whose names match one of
+    // `patterns` (shell patterns), with their states.
     Result<std::vector<std::pair<std::string, UnitState>>> unitsMatching(
-        const std::string& pattern);
+        const std::vector<std::string>& patterns);
 
     Result<std::string> stringProperty(const std::string& path, const char* interface,
                                        const char* name);

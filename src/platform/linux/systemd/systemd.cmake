@@ -12,6 +12,7 @@ add_library(tessary_systemd STATIC
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/systemd/shared_manager_connection.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/systemd/unit_files.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/systemd/unit_loading.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/systemd/unit_picture.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/systemd/job_submission.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/systemd/job_removal.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/systemd/systemd_service_manager.cpp)

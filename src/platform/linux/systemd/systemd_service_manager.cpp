@@ -4,6 +4,7 @@
 
 #include "platform/linux/systemd/systemd_service_manager.h"
 
+#include <algorithm>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "platform/linux/systemd/shared_manager_connection.h"
 #include "platform/linux/systemd/unit_files.h"
 #include "platform/linux/systemd/unit_loading.h"
+#include "platform/linux/systemd/unit_picture.h"
 #include "platform/linux/systemd/unit_translation.h"
 
 namespace tessary::linux_backend {
@@ -32,7 +34,25 @@ SystemdServiceManager::LabelGuard::~LabelGuard() {
 }
 
 SystemdServiceManager::SystemdServiceManager(SystemdServiceManagerOptions options, SystemLog& log)
-    : options_(std::move(options)), address_(busAddressFor(options_.busAddress)), log_(log) {}
+    : options_(std::move(options)),
+      address_(busAddressFor(options_.busAddress)),
+      log_(log),
+      picture_(std::make_unique<UnitPicture>(options_)) {}
+
+SystemdServiceManager::~SystemdServiceManager() {
+    picture_->unfollow();
+}
+
+void SystemdServiceManager::pictureChanged(const std::vector<std::string>& units, bool own,
+                                           bool succeeded) {
+    if (!succeeded || std::this_thread::get_id() != home_) {
+        picture_->forget();
+        return;
+    }
+    for (const auto& unit : units) {
+        picture_->changed(unit, own ? Origin::Own : Origin::None);
+    }
+}
 
 Error SystemdServiceManager::notAuthorized(std::string_view what) {
     return Error{kErrorDomain, EPERM,
@@ -50,26 +70,46 @@ Answer SystemdServiceManager::jobIsEnabled(std::string_view label) {
     // A question is asked again once on a new connection when the kept one
     // turns out to be gone (the manager re-executed since the last one).
     for (int attempt = 0; attempt < 2; ++attempt) {
-        auto connected = managerBus(keptConnection(), [this] { return sharedConnection(); });
+        auto kept = keptConnection();
+        auto connected = managerBus(kept, [this] { return sharedConnection(); });
         if (!connected) {
             return Answer::Unknown;
         }
-        auto states = connected.value().unitStates(units);
+        ManagerBus& bus = connected.value();
         std::optional<Error> failure;
-        if (!states) {
-            failure = states.error();
-        }
-        for (std::size_t i = 0; !failure && i < units.size(); ++i) {
-            auto origin = originOf(connected.value(), options_, units[i], states.value()[i], false);
-            if (!origin) {
-                failure = origin.error();
-            } else if (origin.value().origin == Origin::Own) {
-                return Answer::Yes;
+        std::vector<Origin> origins;
+        if (kept.value() != nullptr && options_.event != nullptr) {
+            std::uint64_t iteration = 0;
+            (void)sd_event_get_iteration(options_.event, &iteration);
+            if (Status s = picture_->takeUnlessCurrent(bus, kept.value(), iteration); !s) {
+                failure = s.error();
+            }
+            for (std::size_t i = 0; !failure && i < units.size(); ++i) {
+                if (auto origin = picture_->originOf(bus, units[i])) {
+                    origins.push_back(origin.value());
+                } else {
+                    failure = origin.error();
+                }
+            }
+        } else {
+            auto states = bus.unitStates(units);
+            if (!states) {
+                failure = states.error();
+            }
+            for (std::size_t i = 0; !failure && i < units.size(); ++i) {
+                if (auto origin = originOf(bus, options_, units[i], states.value()[i], false)) {
+                    origins.push_back(origin.value().origin);
+                } else {
+                    failure = origin.error();
+                }
             }
         }
         if (!failure) {
-            return Answer::No;
+            return std::find(origins.begin(), origins.end(), Origin::Own) != origins.end()
+                       ? Answer::Yes
+                       : Answer::No;
         }
+        picture_->forget();
         if (!connectionLost(*failure)) {
             return Answer::Unknown;
         }
@@ -100,6 +140,7 @@ Result<sd_bus*> SystemdServiceManager::keptConnection() {
         while ((r = sd_bus_process(kept_.get(), nullptr)) > 0) {
         }
         if (r < 0 || sd_bus_is_open(kept_.get()) <= 0) {
+            picture_->unfollow();
             kept_.reset();
         }
     }
@@ -110,6 +151,9 @@ Result<sd_bus*> SystemdServiceManager::keptConnection() {
         }
         if (options_.event != nullptr) {
             (void)sd_bus_attach_event(bus.get(), options_.event, SD_EVENT_PRIORITY_IDLE);
+        }
+        if (Status s = picture_->follow(bus.get()); !s) {
+            return s.error();
         }
         kept_ = std::move(bus);
     }

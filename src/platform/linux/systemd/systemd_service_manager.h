@@ -15,6 +15,7 @@
 namespace tessary::linux_backend {
 
 class SharedManagerConnection;
+class UnitPicture;
 
 struct SystemdServiceManagerOptions {
     // The manager's private socket (a path) or any D-Bus address
@@ -60,6 +61,7 @@ struct SystemdServiceManagerOptions {
 class SystemdServiceManager final : public ServiceManagerClient {
   public:
     SystemdServiceManager(SystemdServiceManagerOptions options, SystemLog& log);
+    ~SystemdServiceManager() override;
 
     // Writes and loads the job's units and starts what must run at once.
     // Fails, changing nothing, without an authorization, for a job that does
@@ -78,7 +80,8 @@ class SystemdServiceManager final : public ServiceManagerClient {
                      bool wait) override;
     // Yes while the manager has the job's service loaded from a file of the
     // unit directory, or still running from one that is gone; Unknown when
-    // the manager cannot be asked.
+    // the manager cannot be asked. With a main loop, answered on its thread
+    // from a picture taken once each turn of the loop (unit_picture.h).
     Answer jobIsEnabled(std::string_view label) override;
 
   private:
@@ -97,6 +100,10 @@ class SystemdServiceManager final : public ServiceManagerClient {
     };
 
     static Error notAuthorized(std::string_view what);
+    Status removeJobUnits(std::string_view label, const AuthorizationRef& authorization, bool wait);
+    // The job's own change of its units' origins, or, off the main loop's
+    // thread or after a failure, the picture to be taken anew.
+    void pictureChanged(const std::vector<std::string>& units, bool own, bool succeeded);
     // The kept connection, on the thread that made the manager; null on any
     // other thread.
     Result<sd_bus*> keptConnection();
@@ -112,6 +119,7 @@ class SystemdServiceManager final : public ServiceManagerClient {
     std::set<std::string, std::less<>> busyLabels_;
     std::thread::id home_ = std::this_thread::get_id();
     SdBusPtr kept_;
+    std::unique_ptr<UnitPicture> picture_;
     std::mutex sharedMutex_;
     std::weak_ptr<SharedManagerConnection> shared_;
 };

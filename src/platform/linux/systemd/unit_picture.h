@@ -1,0 +1,84 @@
+#pragma once
+
+// Whether the backend's jobs are loaded, answered without a round trip per
+// job. A decision pass (the synchronisation of every service, which asks of
+// each whether its job is loaded) would otherwise cost the manager a lookup
+// and a property read per service, growing with the number of services. A
+// pass is one turn of the main loop: a request, a start-up, a sleep or wake
+// runs within one. So the picture is taken with one question at the first
+// question of a turn:
+// every service and socket unit the manager has in memory, with its load and
+// active state, and the files of the unit directory. The backend's own
+// submits and removals during the pass update it; the next pass takes it
+// anew, so that a change made by anyone else before a pass is seen by the
+// whole pass, as a question at that moment would see it.
+//
+// Each answer is the one a question by name would give: a unit the manager
+// does not have in memory and that has no file in the unit directory can
+// only be another's or nobody's (No); one with a file there that the manager
+// has not loaded is still asked by name, which loads it, as before; a unit
+// the manager has is the job's when its file is the backend's. Those files
+// are remembered, by unit, until the manager reloads (signal Reloading) or
+// drops or makes the unit anew (UnitRemoved, UnitNew): only then can a unit
+// come from another file. The manager sends its signals to every private
+// connection; the kept connection reads them before each pass.
+//
+// The picture is the main loop's: other threads (the stop of all) ask by
+// name as before, and their changes make the main loop take it anew.
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+
+#include "base/error.h"
+#include "platform/linux/sd_handles.h"
+#include "platform/linux/systemd/manager_bus.h"
+#include "platform/linux/systemd/systemd_service_manager.h"
+#include "platform/linux/systemd/unit_loading.h"
+
+namespace tessary::linux_backend {
+
+class UnitPicture {
+  public:
+    explicit UnitPicture(const SystemdServiceManagerOptions& options) : options_(options) {}
+    UnitPicture(const UnitPicture&) = delete;
+    UnitPicture& operator=(const UnitPicture&) = delete;
+
+    // Follows the manager's signals on `kept`, the kept connection; a new
+    // connection starts with nothing known.
+    Status follow(sd_bus* kept);
+    // Lets go of the connection's signals before it is closed.
+    void unfollow();
+
+    // Takes the picture unless it is the one of this pass (the main loop's
+    // `iteration`).
+    Status takeUnlessCurrent(ManagerBus& bus, sd_bus* kept, std::uint64_t iteration);
+    // Whose `unit` is, as a question by name would say.
+    Result<Origin> originOf(ManagerBus& bus, const std::string& unit);
+
+    // The backend's own change of `unit`, made on the main loop's thread.
+    void changed(const std::string& unit, Origin origin) { origins_[unit] = origin; }
+    // A change the picture cannot follow: the next question takes it anew.
+    // Safe from any thread.
+    void forget() { stale_ = true; }
+
+  private:
+    static int onUnitChanged(sd_bus_message* m, void* userdata, sd_bus_error* error);
+    static int onReloading(sd_bus_message* m, void* userdata, sd_bus_error* error);
+
+    const SystemdServiceManagerOptions& options_;
+    std::atomic<bool> stale_{true};
+    std::uint64_t iteration_ = 0;
+    std::map<std::string, UnitState, std::less<>> inMemory_;
+    std::set<std::string, std::less<>> files_;
+    std::map<std::string, Origin, std::less<>> origins_;         // decided this pass
+    std::map<std::string, std::string, std::less<>> fragments_;  // until a reload
+    sd_bus* followed_ = nullptr;
+    SdBusSlotPtr unitNew_;
+    SdBusSlotPtr unitRemoved_;
+    SdBusSlotPtr reloading_;
+};
+
+}  // namespace tessary::linux_backend
