@@ -13,6 +13,7 @@ packages=(
   build-essential debhelper lintian diffoscope-minimal gdb
   systemd-container
   cockpit-ws cockpit-bridge cockpit-system sudo chromium
+  gettext
 )
 
 missing=()

@@ -10,7 +10,8 @@ add_executable(tessaryctl ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryctl.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/tools/terminal_authorization.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/tools/unit_states.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/tools/json_text.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/tools/job_check.cpp)
+  ${CMAKE_CURRENT_SOURCE_DIR}/tools/job_check.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/tools/service_details.cpp)
 target_link_libraries(tessaryctl PRIVATE
   tessary_client tessary_linux_backends tessary_prefs tessary_systemd)
 
