@@ -23,9 +23,12 @@
 #include "job_check.h"
 #include "json_text.h"
 #include "platform/linux/fs/posix_file_operations.h"
+#include "platform/linux/log/syslog_system_log.h"
 #include "platform/linux/polkit/polkit_authorization_service.h"
 #include "platform/paths.h"
 #include "plist/codec.h"
+#include "prefs/preferences.h"
+#include "service_details.h"
 #include "terminal_authorization.h"
 #include "unit_states.h"
 
@@ -101,6 +104,7 @@ constexpr std::array kCommands = {
 
 constexpr std::string_view kPromote = "promote";
 constexpr std::string_view kLogs = "logs";
+constexpr std::string_view kShow = "show";
 constexpr std::string_view kCheck = "check";
 
 constexpr const char* kNotAuthorized =
@@ -116,6 +120,8 @@ constexpr const char* kUsage =
     "                                    what the service manager says of it\n"
     "  status                            the setup status\n"
     "  logs SERVICE                      the service's recent journal lines\n"
+    "  show SERVICE                      the service's definition and overrides\n"
+    "                                    (read from the files, as root)\n"
     "  enable SERVICE                    switch a service on\n"
     "  disable SERVICE                   switch a service off\n"
     "  reset SERVICE                     switch a service off and reset it\n"
@@ -157,6 +163,8 @@ struct Invocation {
     bool promote = false;
     // logs SERVICE: shown from the journal, without the daemon.
     bool logs = false;
+    // show SERVICE: read from the daemon's files, without the daemon.
+    bool show = false;
     // check --file PLIST: translated here, without the daemon.
     bool check = false;
     // create --force: also a definition that cannot run here.
@@ -248,12 +256,12 @@ Invocation parseArguments(int argc, char** argv) {
     if (inv.force && positional[0] != "create") {
         usageError("only create takes --force");
     }
-    if (positional[0] == kLogs) {
+    if (positional[0] == kLogs || positional[0] == kShow) {
         if (positional.size() != 2 || inv.job || inv.file || inv.arguments) {
-            usageError("logs takes one SERVICE");
+            usageError(positional[0] + " takes one SERVICE");
         }
         inv.service = positional[1];
-        inv.logs = true;
+        (positional[0] == kLogs ? inv.logs : inv.show) = true;
         return inv;
     }
     if (positional[0] == kCheck) {
@@ -542,6 +550,35 @@ plist::Value withUnitStates(const plist::Value& list) {
 
 int runAndWait(std::vector<std::string> command);
 
+// A service's definition and overrides, from the daemon's files; only root
+// may read the preferences that hold the overrides.
+int showService(const Invocation& inv) {
+    const tessary::Paths paths;
+    if (::access(paths.preferencesFile().c_str(), R_OK) != 0 && errno != ENOENT) {
+        (void)std::fprintf(stderr, "tessaryctl: cannot read %s: %s\n",
+                           paths.preferencesFile().c_str(), std::strerror(errno));
+        return kExitFailed;
+    }
+    tessary::linux_backend::PosixFileOperations files;
+    tessary::linux_backend::SyslogSystemLog log;
+    const tessary::TYSupervisorPreferences preferences(paths, files, log);
+    const std::optional<plist::Value> details =
+        client::serviceDetails(paths, files, preferences, *inv.service);
+    if (!details) {
+        (void)std::fprintf(stderr, "tessaryctl: no service has the label \"%s\"\n",
+                           inv.service->c_str());
+        return kExitFailed;
+    }
+    if (inv.json) {
+        std::string out;
+        client::appendJson(out, *details);
+        (void)std::printf("%s\n", out.c_str());
+    } else {
+        printXml(*details);
+    }
+    return std::fflush(stdout) == 0 ? kExitSuccess : kExitFailed;
+}
+
 // The service's journal: its units' lines, by journalctl.
 int showLogs(const Invocation& inv) {
     std::vector<std::string> command = {"journalctl", "--no-pager", "--lines=100"};
@@ -756,6 +793,9 @@ int main(int argc, char** argv) {
     }
     if (inv.logs) {
         return showLogs(inv);
+    }
+    if (inv.show) {
+        return showService(inv);
     }
     if (inv.check) {
         return client::printJobCheck(readPropertyListFile(*inv.file, "serviceDictionary"),
