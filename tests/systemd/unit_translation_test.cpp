@@ -4,6 +4,7 @@
 
 #include <functional>
 
+#include "support/value_printer.h"
 #include "systemd/unit_text.h"
 
 namespace tessary::linux_backend {
@@ -12,12 +13,10 @@ namespace {
 using plist::Array;
 using plist::Dictionary;
 using plist::Value;
+using testing::strings;
 using testing::UnitText;
 using Strings = std::vector<std::string>;
 
-Value strings(const Strings& s) {
-    return Value(plist::stringArray(s));
-}
 const Value kTrue = strings({"/bin/true"});
 
 // The manager's default limits, and a services database of one name.
