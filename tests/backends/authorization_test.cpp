@@ -35,15 +35,16 @@ TEST(FailClosedTest, OnlyRootHoldsTheRightWithoutPolkit) {
     }
     Child nobody;
     if (nobody.pid == 0) {
-        if (::setresuid(65534, 65534, 65534) == 0) {
+        if (testing::becomeNobody()) {
             ::pause();
         }
         ::_exit(1);
     }
-    (void)testing::eventually(
-        [&] { return processStatusIds(nobody.pid).value_or(StatusIds{}).effectiveUid == 65534; });
+    (void)testing::eventually([&] {
+        return processStatusIds(nobody.pid).value_or(StatusIds{}).effectiveUid == testing::kNobody;
+    });
     const FormIdentity me = ownFormIdentity().value();
-    const FormIdentity other{static_cast<std::uint32_t>(nobody.pid), 65534,
+    const FormIdentity other{static_cast<std::uint32_t>(nobody.pid), testing::kNobody,
                              processStartTime(nobody.pid).value()};
     auto expectOnlyRoot = [&](Polkit& polkit, const char* bus) {
         auto rightOf = [&](const FormIdentity& id, const std::string& right) {

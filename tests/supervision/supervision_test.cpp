@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "daemon/supervisor.h"
+#include "support/process.h"
 #include "support/test_platform.h"
 
 namespace tessary {
@@ -473,8 +474,7 @@ TEST_F(StopAllSupervisionTest, WithoutThreadsEveryServiceStopsHere) {
     const pid_t child = ::fork();
     if (child == 0) {
         const rlimit none{0, 0};
-        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0 ||
-            ::setrlimit(RLIMIT_NPROC, &none) != 0) {
+        if (!testing::becomeNobody() || ::setrlimit(RLIMIT_NPROC, &none) != 0) {
             ::_exit(90);
         }
         supervisor.stopAllServices();
