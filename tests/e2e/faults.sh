@@ -117,7 +117,7 @@ printf '<plist version="1.0"><dict><key>Label</key><string>%s</string><key>Progr
 import plistlib, socket, sys
 s = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
 s.settimeout(10)
-s.connect("/run/com.orvane.tessaryd")
+s.connect("/run/tessaryd/com.orvane.tessaryd")
 codes = []
 for arguments in ([], "status", [{}], ""):
     request = {"commandString": "status",
