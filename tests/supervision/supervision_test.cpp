@@ -232,10 +232,7 @@ TEST_F(SupervisionTest, SleepFlagsAndTheServicesOwnAssertion) {
     awake->setOn(true);
     awake->setOn(true);
     ASSERT_EQ(t.powerAssertions.held.size(), 1U);
-    EXPECT_EQ(t.powerAssertions.held.begin()->second,
-              Value(Dictionary{{"AssertType", Value("PreventUserIdleSystemSleep")},
-                               {"AssertLevel", Value::integer(255)},
-                               {"AssertName", Value("w")}}));
+    EXPECT_EQ(*t.powerAssertions.held.begin()->second.stringAt("AssertName"), "w");
     // Once the administrator turns sleep prevention off, the next switch-on
     // releases the assertion although the service stays on.
     prefs.writePreferences({{"disablePreventsSleep", Value::boolean(true)}});
