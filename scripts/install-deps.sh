@@ -10,8 +10,10 @@ packages=(
   python3 clang-format dbus-daemon polkitd
   clang clang-tidy libclang-rt-14-dev
   dpkg-dev file psmisc bash-completion
+  build-essential debhelper lintian diffoscope-minimal gdb
   systemd-container
   cockpit-ws cockpit-bridge cockpit-system sudo chromium
+  gettext
 )
 
 missing=()

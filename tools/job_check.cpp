@@ -135,4 +135,13 @@ int printJobCheck(const plist::Value& definition, bool json) {
     return check.translation ? 0 : 1;
 }
 
+std::optional<std::string> jobRefusal(const plist::Value& definition) {
+    auto translation =
+        linux_backend::translateJob(asSubmitted(definition), hostTranslationOptions());
+    if (translation) {
+        return std::nullopt;
+    }
+    return translation.error().description;
+}
+
 }  // namespace tessary::client

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <optional>
+#include <string>
+
 #include "platform/linux/systemd/unit_translation.h"
 #include "plist/value.h"
 
@@ -15,5 +18,9 @@ linux_backend::TranslationOptions hostTranslationOptions();
 // it becomes and every key mapped approximately, ignored or refused, with the
 // reason (as text, or one JSON object); 0 when it would run, 1 when refused.
 int printJobCheck(const plist::Value& definition, bool json);
+
+// Why the daemon's backend would refuse to submit the definition on this
+// machine, as `check` finds it ("Job LABEL: KEY: why"); nothing when it runs.
+std::optional<std::string> jobRefusal(const plist::Value& definition);
 
 }  // namespace tessary::client

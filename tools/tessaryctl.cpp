@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,6 +28,7 @@
 #include "platform/paths.h"
 #include "plist/codec.h"
 #include "prefs/preferences.h"
+#include "service_details.h"
 #include "terminal_authorization.h"
 #include "unit_states.h"
 
@@ -65,6 +67,8 @@ struct Command {
     // The result key holding the value to show, for the override commands.
     std::string_view valueKey;
     Output output;
+    // What a refusal can mean besides a missing right.
+    std::string_view refusal = "";
 };
 
 // Every command the client offers as one request. "promote" is made of two
@@ -72,20 +76,27 @@ struct Command {
 constexpr std::array kCommands = {
     Command{"list", "list", false, false, "", false, false, "", Output::Services},
     Command{"status", "status", false, false, "", false, false, "", Output::Status},
-    Command{"enable", "enable", true, false, "", false, false, "", Output::Nothing},
-    Command{"disable", "disable", true, false, "", false, false, "", Output::Nothing},
-    Command{"reset", "reset", true, false, "", false, false, "", Output::Nothing},
+    Command{"enable", "enable", true, false, "", false, false, "", Output::Nothing,
+            "no such service"},
+    Command{"disable", "disable", true, false, "", false, false, "", Output::Nothing,
+            "no such service"},
+    Command{"reset", "reset", true, false, "", false, false, "", Output::Nothing,
+            "no such service"},
     Command{"program-arguments", "programArguments", true, true, "", false, true,
-            "programArguments", Output::ArgumentLines},
+            "programArguments", Output::ArgumentLines, "no such service or job"},
     Command{"sockets", "sockets", true, true, "sockets", false, false, "sockets",
-            Output::PropertyList},
+            Output::PropertyList, "no such service or job"},
     Command{"start-calendar-intervals", "startCalendarIntervals", true, true,
-            "startCalendarIntervals", false, false, "startCalendarIntervals", Output::PropertyList},
-    Command{"create", "create", false, false, "serviceDictionary", true, false, "", Output::Label},
-    Command{"destroy", "destroy", true, false, "", false, false, "", Output::Label},
+            "startCalendarIntervals", false, false, "startCalendarIntervals", Output::PropertyList,
+            "no such service or job"},
+    Command{"create", "create", false, false, "serviceDictionary", true, false, "", Output::Label,
+            "the definition has no Label, or its label is in use"},
+    Command{"destroy", "destroy", true, false, "", false, false, "", Output::Label,
+            "no such service"},
     Command{"begin-promotion", "beginPromotion", false, false, "", false, false, "",
             Output::Nothing},
-    Command{"end-promotion", "endPromotion", false, false, "", false, false, "", Output::Nothing},
+    Command{"end-promotion", "endPromotion", false, false, "", false, false, "", Output::Nothing,
+            "the machine could not be marked as set up"},
     Command{"restore-services", "restoreServices", false, false, "", false, false, "",
             Output::Labels},
     Command{"demote", "demote", false, false, "", false, false, "", Output::Nothing},
@@ -93,19 +104,24 @@ constexpr std::array kCommands = {
 
 constexpr std::string_view kPromote = "promote";
 constexpr std::string_view kLogs = "logs";
+constexpr std::string_view kShow = "show";
 constexpr std::string_view kCheck = "check";
 
 constexpr const char* kNotAuthorized =
     "not authorized: run as root or authenticate as an administrator";
+constexpr const char* kDaemonJournal = "journalctl -t com.orvane.tessaryd";
 
 constexpr const char* kUsage =
     "usage: tessaryctl [--socket PATH] [--timeout SECONDS] [--json] [--no-ask-password] COMMAND\n"
+    "       tessaryctl --help | help\n"
     "\n"
     "commands:\n"
     "  list                              the services, whether each is enabled, and\n"
     "                                    what the service manager says of it\n"
     "  status                            the setup status\n"
     "  logs SERVICE                      the service's recent journal lines\n"
+    "  show SERVICE                      the service's definition and overrides\n"
+    "                                    (read from the files, as root)\n"
     "  enable SERVICE                    switch a service on\n"
     "  disable SERVICE                   switch a service off\n"
     "  reset SERVICE                     switch a service off and reset it\n"
@@ -118,7 +134,8 @@ constexpr const char* kUsage =
     "  check --file PLIST                what the service PLIST describes becomes in\n"
     "                                    systemd, and what of it would differ or be\n"
     "                                    refused; asks nothing of the daemon\n"
-    "  create --file PLIST               add the service PLIST describes\n"
+    "  create --file PLIST [--force]     add the service PLIST describes; one that\n"
+    "                                    cannot run here only with --force\n"
     "                                    (--file -: read PLIST from standard input)\n"
     "  destroy SERVICE                   remove a service\n"
     "  promote -- COMMAND [ARG...]       begin a promotion, run COMMAND, and end the\n"
@@ -129,8 +146,9 @@ constexpr const char* kUsage =
     "                                    shows them\n"
     "  demote                            stop everything and uninstall the daemon\n"
     "\n"
-    "exit status: 0 success, 1 the daemon refused, 2 no daemon or no answer,\n"
-    "64 usage error; promote: COMMAND's status when it fails\n";
+    "exit status: 0 success, 1 refused (by the daemon, or a definition that cannot\n"
+    "run here), 2 no daemon or no answer, 64 usage error; promote: COMMAND's\n"
+    "status when it fails\n";
 
 struct Invocation {
     const Command* command = nullptr;
@@ -145,15 +163,25 @@ struct Invocation {
     bool promote = false;
     // logs SERVICE: shown from the journal, without the daemon.
     bool logs = false;
+    // show SERVICE: read from the daemon's files, without the daemon.
+    bool show = false;
     // check --file PLIST: translated here, without the daemon.
     bool check = false;
+    // create --force: also a definition that cannot run here.
+    bool force = false;
     bool mayAskPassword = true;
 };
 
-// Ends the program with a usage error.
+// Ends the program with a usage error: the error and where the usage is, so
+// that the error stays on the screen.
 [[noreturn]] void usageError(const std::string& message) {
-    (void)std::fprintf(stderr, "tessaryctl: %s\n%s", message.c_str(), kUsage);
+    (void)std::fprintf(stderr, "tessaryctl: %s\nTry 'tessaryctl --help'.\n", message.c_str());
     std::exit(kExitUsage);
+}
+
+[[noreturn]] void showUsage() {
+    (void)std::fputs(kUsage, stdout);
+    std::exit(std::fflush(stdout) == 0 ? kExitSuccess : kExitFailed);
 }
 
 std::chrono::milliseconds parseTimeout(const std::string& text) {
@@ -177,8 +205,7 @@ Invocation parseArguments(int argc, char** argv) {
             break;
         }
         if (arg == "-h" || arg == "--help") {
-            (void)std::fputs(kUsage, stdout);
-            std::exit(kExitSuccess);
+            showUsage();
         }
         if (arg.size() < 2 || arg[0] != '-') {
             positional.push_back(arg);
@@ -192,6 +219,10 @@ Invocation parseArguments(int argc, char** argv) {
         }
         if (name == "--no-ask-password" && eq == std::string::npos) {
             inv.mayAskPassword = false;
+            continue;
+        }
+        if (name == "--force" && eq == std::string::npos) {
+            inv.force = true;
             continue;
         }
         if (name != "--socket" && name != "--timeout" && name != "--job" && name != "--file") {
@@ -219,12 +250,18 @@ Invocation parseArguments(int argc, char** argv) {
     if (positional.empty()) {
         usageError("no command given");
     }
-    if (positional[0] == kLogs) {
+    if (positional[0] == "help") {
+        showUsage();
+    }
+    if (inv.force && positional[0] != "create") {
+        usageError("only create takes --force");
+    }
+    if (positional[0] == kLogs || positional[0] == kShow) {
         if (positional.size() != 2 || inv.job || inv.file || inv.arguments) {
-            usageError("logs takes one SERVICE");
+            usageError(positional[0] + " takes one SERVICE");
         }
         inv.service = positional[1];
-        inv.logs = true;
+        (positional[0] == kLogs ? inv.logs : inv.show) = true;
         return inv;
     }
     if (positional[0] == kCheck) {
@@ -477,6 +514,35 @@ plist::Value withUnitStates(const plist::Value& list) {
 
 int runAndWait(std::vector<std::string> command);
 
+// A service's definition and overrides, from the daemon's files; only root
+// may read the preferences that hold the overrides.
+int showService(const Invocation& inv) {
+    const tessary::Paths paths;
+    if (::access(paths.preferencesFile().c_str(), R_OK) != 0 && errno != ENOENT) {
+        (void)std::fprintf(stderr, "tessaryctl: cannot read %s: %s\n",
+                           paths.preferencesFile().c_str(), std::strerror(errno));
+        return kExitFailed;
+    }
+    tessary::linux_backend::PosixFileOperations files;
+    tessary::linux_backend::SyslogSystemLog log;
+    const tessary::TYSupervisorPreferences preferences(paths, files, log);
+    const std::optional<plist::Value> details =
+        client::serviceDetails(paths, files, preferences, *inv.service);
+    if (!details) {
+        (void)std::fprintf(stderr, "tessaryctl: no service has the label \"%s\"\n",
+                           inv.service->c_str());
+        return kExitFailed;
+    }
+    if (inv.json) {
+        std::string out;
+        client::appendJson(out, *details);
+        (void)std::printf("%s\n", out.c_str());
+    } else {
+        printXml(*details);
+    }
+    return std::fflush(stdout) == 0 ? kExitSuccess : kExitFailed;
+}
+
 // The service's journal: its units' lines, by journalctl.
 int showLogs(const Invocation& inv) {
     std::vector<std::string> command = {"journalctl", "--no-pager", "--lines=100"};
@@ -489,30 +555,93 @@ int showLogs(const Invocation& inv) {
     return runAndWait(std::move(command));
 }
 
-// Sends one request and shows its result; the exit status.
-int perform(const Invocation& inv, const Command& command, const plist::Dictionary& args) {
+// One request to the daemon. Every request names its sender; commands that
+// need no right ignore it.
+tessary::Result<client::Reply> ask(const Invocation& inv, std::string_view command,
+                                   const plist::Dictionary& args) {
     client::Request request;
-    request.command = std::string(command.wire);
+    request.command = std::string(command);
     if (!args.empty()) {
         request.arguments = args;
     }
-    // Every request names its sender; commands that need no right ignore it.
     if (auto form = client::makeAuthorizationForm()) {
         request.authorizationForm = form.value();
     }
-    // The right is obtained before the request, as systemctl does: the
-    // daemon asks polkit without interaction and finds what polkit kept.
-    client::Right right = client::Right::Held;
-    if (command.wire != "status") {
-        right = client::obtainAdminRight(
-            tessary::linux_backend::PolkitAuthorizationOptions{}.actionId, inv.mayAskPassword);
-        if (right == client::Right::Refused) {
-            (void)std::fprintf(stderr, "tessaryctl: %s\n", kNotAuthorized);
+    return client::sendRequest(inv.socket, request, inv.timeout);
+}
+
+// Why the daemon refused the command, as far as the client can learn it: the
+// reason never travels. The daemon refuses "list" only to a caller without
+// the right, so the list, asked after the refusal, tells whether the right
+// was missing, and which services there are.
+std::string refusalOf(const Invocation& inv, const Command& c, const plist::Dictionary& args) {
+    const std::string refused = "the daemon refused \"" + std::string(c.name) + "\"";
+    if (c.wire == "status") {
+        // Open to every caller: it fails only when the daemon cannot tell
+        // which process asks.
+        return refused + ": it could not identify this process";
+    }
+    if (c.wire == "list") {
+        return kNotAuthorized;
+    }
+    auto list = ask(inv, "list", {});
+    if (!list) {
+        return refused + ": not allowed" + (c.refusal.empty() ? "" : ", or ") +
+               std::string(c.refusal);
+    }
+    if (list.value().returnCode != 0) {
+        return kNotAuthorized;
+    }
+    std::set<std::string> labels;
+    const plist::Value listed = list.value().result.value_or(plist::Value());
+    for (const char* key : {"enabledServices", "disabledServices"}) {
+        for (const plist::Value& label : plist::arrayOf(listed.find(key))) {
+            labels.insert(label.description());
+        }
+    }
+    if (inv.service && !labels.contains(*inv.service)) {
+        return "no service " + *inv.service + "; `tessaryctl list` shows them";
+    }
+    if (inv.job) {
+        return *inv.service + " has no job " + *inv.job;
+    }
+    if (auto it = args.find("serviceDictionary"); it != args.end()) {
+        const std::string* label = it->second.stringAt("Label");
+        if (label == nullptr) {
+            return "the definition has no Label string";
+        }
+        if (labels.contains(*label)) {
+            return "there is a service " + *label + " already";
+        }
+    }
+    return refused + "; its journal may say why: " + kDaemonJournal;
+}
+
+// Sends one request and shows its result; the exit status.
+int perform(const Invocation& inv, const Command& command, const plist::Dictionary& args) {
+    // A definition the daemon's backend would refuse to submit is stored all
+    // the same when created, as a service that can never run: only on demand.
+    std::optional<std::string> cannotRun;
+    if (auto it = args.find("serviceDictionary"); it != args.end()) {
+        cannotRun = client::jobRefusal(it->second);
+        if (cannotRun && !inv.force) {
+            (void)std::fprintf(stderr,
+                               "tessaryctl: not created, as it cannot run here: %s (--force "
+                               "creates it all the same)\n",
+                               cannotRun->c_str());
             return kExitFailed;
         }
     }
+    // The right is obtained before the request, as systemctl does: the
+    // daemon asks polkit without interaction and finds what polkit kept.
+    if (command.wire != "status" &&
+        client::obtainAdminRight(tessary::linux_backend::PolkitAuthorizationOptions{}.actionId,
+                                 inv.mayAskPassword) == client::Right::Refused) {
+        (void)std::fprintf(stderr, "tessaryctl: %s\n", kNotAuthorized);
+        return kExitFailed;
+    }
 
-    auto reply = client::sendRequest(inv.socket, request, inv.timeout);
+    auto reply = ask(inv, command.wire, args);
     if (!reply) {
         const tessary::Error& e = reply.error();
         (void)std::fprintf(stderr, "tessaryctl: %s\n", e.description.c_str());
@@ -522,15 +651,12 @@ int perform(const Invocation& inv, const Command& command, const plist::Dictiona
         return kExitUnreachable;
     }
     if (reply.value().returnCode != 0) {
-        // Why the daemon said no never travels; what the client knows is
-        // whether it held the right.
-        if (right != client::Right::Held) {
-            (void)std::fprintf(stderr, "tessaryctl: %s\n", kNotAuthorized);
-        } else {
-            (void)std::fprintf(stderr, "tessaryctl: the daemon refused \"%s\"\n",
-                               std::string(command.name).c_str());
-        }
+        (void)std::fprintf(stderr, "tessaryctl: %s\n", refusalOf(inv, command, args).c_str());
         return kExitFailed;
+    }
+    if (cannotRun) {
+        (void)std::fprintf(stderr, "tessaryctl: created, but it cannot run here: %s\n",
+                           cannotRun->c_str());
     }
     plist::Value result = reply.value().result.value_or(plist::Value());
     if (command.output == Output::Services) {
@@ -631,6 +757,9 @@ int main(int argc, char** argv) {
     }
     if (inv.logs) {
         return showLogs(inv);
+    }
+    if (inv.show) {
+        return showService(inv);
     }
     if (inv.check) {
         return client::printJobCheck(readPropertyListFile(*inv.file, "serviceDictionary"),

@@ -10,20 +10,16 @@ add_executable(tessaryctl ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryctl.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/tools/terminal_authorization.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/tools/unit_states.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/tools/json_text.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/tools/job_check.cpp)
+  ${CMAKE_CURRENT_SOURCE_DIR}/tools/job_check.cpp
+  ${CMAKE_CURRENT_SOURCE_DIR}/tools/service_details.cpp)
 target_link_libraries(tessaryctl PRIVATE
   tessary_client tessary_polkit tessary_prefs tessary_systemd tessary_platform_linux)
 
 install(TARGETS tessaryctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryctl.1
-        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-# The job format as the daemon reads it, key by key.
-install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessary-job.5
-        DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
 install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/polkit-1/actions)
-install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/data/bash-completion/tessaryctl
-        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
+# Its man page and bash completion are installed by the package's debhelper
+# tools (debian/tessary.manpages, debian/tessary.bash-completion).
 
 # The installed product's version and the oldest the daemon works with, which
 # the daemon compares at start (an older product loads no service). An

@@ -4,49 +4,36 @@
 
 #include <chrono>
 #include <optional>
+#include <set>
+#include <unordered_map>
 
 #include "platform/linux/sd_handles.h"
+#include "platform/linux/systemd/unit_translation.h"
 #include "platform/paths.h"
 
 namespace tessary::client {
 
 namespace {
 
-struct Unit {
-    std::string name;
-    std::string loadState;
-    std::string activeState;
-};
+// Unit name to its active state.
+using ActiveStates = std::unordered_map<std::string, std::string>;
 
 constexpr auto kCallTimeout = std::chrono::seconds(5);
 
-// The units a ListUnits method of the manager answers: by name (`patterns`
-// false: the load and active states of `names`, in their order) or by shell
-// pattern (only the units the manager has that match); none when the manager
-// could not be asked.
-std::optional<std::vector<Unit>> listUnits(sd_bus* bus, const std::vector<std::string>& names,
-                                           bool patterns = false) {
+// Every unit the manager holds, by ListUnits: one call however many services
+// there are, and one that no name can make fail, as a question by names does
+// when a single one is not a unit name. A unit the manager does not hold is
+// inactive. Nothing when the manager could not be asked.
+std::optional<ActiveStates> listUnits(sd_bus* bus) {
+    sd_bus_message* rawReply = nullptr;
+    linux_backend::SdBusError error;
     sd_bus_message* raw = nullptr;
     if (sd_bus_message_new_method_call(bus, &raw, "org.freedesktop.systemd1",
                                        "/org/freedesktop/systemd1",
-                                       "org.freedesktop.systemd1.Manager",
-                                       patterns ? "ListUnitsByPatterns" : "ListUnitsByNames") < 0) {
+                                       "org.freedesktop.systemd1.Manager", "ListUnits") < 0) {
         return std::nullopt;
     }
     linux_backend::SdBusMessagePtr call(raw);
-    std::vector<const char*> strv;
-    strv.reserve(names.size() + 1);
-    for (const std::string& n : names) {
-        strv.push_back(n.c_str());
-    }
-    strv.push_back(nullptr);
-    const char* anyState[] = {nullptr};
-    if ((patterns && sd_bus_message_append_strv(call.get(), const_cast<char**>(anyState)) < 0) ||
-        sd_bus_message_append_strv(call.get(), const_cast<char**>(strv.data())) < 0) {
-        return std::nullopt;
-    }
-    sd_bus_message* rawReply = nullptr;
-    linux_backend::SdBusError error;
     if (sd_bus_call(bus, call.get(),
                     std::chrono::duration_cast<std::chrono::microseconds>(kCallTimeout).count(),
                     error.get(), &rawReply) < 0) {
@@ -56,7 +43,7 @@ std::optional<std::vector<Unit>> listUnits(sd_bus* bus, const std::vector<std::s
     if (sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_ARRAY, "(ssssssouso)") <= 0) {
         return std::nullopt;
     }
-    std::vector<Unit> units;
+    ActiveStates units;
     const char* name = nullptr;
     const char* description = nullptr;
     const char* load = nullptr;
@@ -69,74 +56,76 @@ std::optional<std::vector<Unit>> listUnits(sd_bus* bus, const std::vector<std::s
     const char* jobPath = nullptr;
     while (sd_bus_message_read(reply.get(), "(ssssssouso)", &name, &description, &load, &active,
                                &sub, &following, &path, &jobId, &jobType, &jobPath) > 0) {
-        units.push_back({name, load, active});
-    }
-    if (!patterns && units.size() != names.size()) {
-        return std::nullopt;
+        units.emplace(name, active);
     }
     return units;
 }
 
-bool isUp(const Unit& u) {
-    return u.activeState == "active" || u.activeState == "activating" ||
-           u.activeState == "reloading" || u.activeState == "deactivating";
+bool isUp(const std::string& activeState) {
+    return activeState == "active" || activeState == "activating" || activeState == "reloading" ||
+           activeState == "deactivating";
 }
 
 }  // namespace
 
 std::map<std::string, std::string> unitStates(const std::vector<std::string>& labels) {
     std::map<std::string, std::string> out;
-    if (labels.empty()) {
+    std::set<std::string> valid;
+    for (const std::string& label : labels) {
+        if (linux_backend::checkJobLabel(label)) {
+            valid.insert(label);
+        } else {
+            // No unit can carry it: the daemon never submits its job.
+            out.emplace(label, "invalid");
+        }
+    }
+    if (valid.empty()) {
         return out;
     }
-    // Each job's service, socket, timer and path unit; and the instances of
-    // the template service of a job that serves each connection.
-    constexpr std::size_t kUnits = 4;
-    std::vector<std::string> names;
-    std::vector<std::string> instances;
-    for (const std::string& label : labels) {
-        for (const char* suffix : {".service", ".socket", ".timer", ".path"}) {
-            names.push_back(label + suffix);
-        }
-        instances.push_back(label + "@*.service");
-    }
-    std::optional<std::vector<Unit>> units;
-    std::optional<std::vector<Unit>> serving;
-    auto ask = [&](sd_bus* bus) {
-        units = listUnits(bus, names);
-        serving = units ? listUnits(bus, instances, true) : std::nullopt;
-    };
+    std::optional<ActiveStates> units;
     sd_bus* raw = nullptr;
     if (sd_bus_open_system(&raw) >= 0) {
         linux_backend::SdBusPtr bus(raw);
-        ask(bus.get());
+        units = listUnits(bus.get());
     }
     if (!units && ::geteuid() == 0) {
         linux_backend::SdBusPtr bus;
         const std::string address = "unix:path=" + Paths("/").systemdPrivateSocket();
         if (linux_backend::openBus(address, false, kCallTimeout, bus) >= 0) {
-            ask(bus.get());
+            units = listUnits(bus.get());
         }
     }
     if (!units) {
         return out;
     }
-    for (std::size_t i = 0; i < labels.size(); ++i) {
-        const Unit* unit = &(*units)[kUnits * i];
-        const Unit& service = unit[0];
-        const Unit& socket = unit[1];
-        const Unit& timer = unit[2];
-        const Unit& path = unit[3];
-        bool connection = false;
-        for (const Unit& instance : serving.value_or(std::vector<Unit>{})) {
-            connection =
-                connection || (instance.name.starts_with(labels[i] + "@") && isUp(instance));
+    // The jobs that serve each connection with an instance of their template
+    // service (LABEL@INSTANCE.service) and have one up. A label may hold '@'
+    // itself, so every '@' of the name is tried as the label's end.
+    std::set<std::string> serving;
+    for (const auto& [name, active] : *units) {
+        if (!name.ends_with(".service") || !isUp(active)) {
+            continue;
         }
+        for (std::size_t at = name.find('@'); at != std::string::npos;
+             at = name.find('@', at + 1)) {
+            if (valid.contains(name.substr(0, at))) {
+                serving.insert(name.substr(0, at));
+            }
+        }
+    }
+    const auto stateOf = [&](const std::string& unit) {
+        auto it = units->find(unit);
+        return it != units->end() ? it->second : std::string("inactive");
+    };
+    for (const std::string& label : valid) {
+        const std::string service = stateOf(label + ".service");
+        const std::string socket = stateOf(label + ".socket");
+        const std::string timer = stateOf(label + ".timer");
+        const std::string path = stateOf(label + ".path");
         std::string state = "stopped";
-        if (service.activeState == "failed" || socket.activeState == "failed" ||
-            timer.activeState == "failed" || path.activeState == "failed") {
+        if (service == "failed" || socket == "failed" || timer == "failed" || path == "failed") {
             state = "failed";
-        } else if (isUp(service) || connection) {
+        } else if (isUp(service) || serving.contains(label)) {
             state = "running";
         } else if (isUp(socket)) {
             state = "waiting for a connection";
@@ -145,7 +134,7 @@ std::map<std::string, std::string> unitStates(const std::vector<std::string>& la
         } else if (isUp(path)) {
             state = "waiting for a path";
         }
-        out.emplace(labels[i], std::move(state));
+        out.emplace(label, std::move(state));
     }
     return out;
 }

@@ -39,3 +39,7 @@ add_sandbox_test(e2e.kill 600 AS_SERVICE
   COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/kill.sh $<TARGET_FILE:tessary_load_client>)
 add_sandbox_test(e2e.faults 600
   COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/faults.sh $<TARGET_FILE:tessaryctl>)
+# What tessaryctl says of the daemon's refusals, and list beside a label that
+# can name no unit.
+add_sandbox_test(e2e.client_messages 120
+  COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/client-messages.sh $<TARGET_FILE:tessaryctl>)

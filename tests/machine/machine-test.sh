@@ -2,12 +2,13 @@
 # The Debian package on a booted machine, the way an administrator has it:
 # systemd as PID 1 in a throw-away container.
 #
-#   machine-test.sh SOURCE_DIR BUILD_DIR NEXT_VERSION [CMAKE_ARG...]
+#   machine-test.sh SOURCE_DIR BUILD_DIR NEXT_VERSION
 #
-# Makes the package from BUILD_DIR with cpack, and a second one of
-# NEXT_VERSION from a build of SOURCE_DIR in BUILD_DIR/machine-next (configured
-# with CMAKE_ARG..., built while the first steps run; kept, so that a second
-# run only rebuilds what changed). Boots this machine's own root, under an
+# Installs the packages that scripts/build-package.sh made in BUILD_DIR/package,
+# and makes those of NEXT_VERSION from SOURCE_DIR with the same script in
+# BUILD_DIR/machine-next (a changelog entry of their own; built while the
+# first steps run; kept, so that a second run only rebuilds what changed).
+# Boots this machine's own root, under an
 # overlay whose upper layer is a tmpfs, with systemd-nspawn, and then inside,
 # checking each step:
 #   1. `apt-get install` of the package: the daemon runs as a system unit and
@@ -15,6 +16,8 @@
 #      exposure figure at the goal, the capabilities and read-only paths in
 #      effect, a probe under the same settings refused writes elsewhere and
 #      sockets that are not Unix ones), and every later step runs under it;
+#      with tessary-dbgsym, gdb names the project's functions in a backtrace
+#      of the running daemon;
 #   2. a sample service enabled runs as its unit; its arguments overridden,
 #      a new process runs with them; a dynamic service created runs, and is
 #      gone once destroyed;
@@ -35,7 +38,7 @@
 # stops the machine, unmounts and removes what it made.
 #
 # Exit status 77 (CTest's "skipped") when not root, or when systemd-nspawn,
-# cpack's helpers or overlays are not there or the machine does not boot.
+# dpkg-buildpackage, gdb or overlays are not there or the machine does not boot.
 set -Eeuo pipefail
 
 readonly skip_status=77
@@ -48,17 +51,14 @@ skip() {
 if [[ -z "${TESSARY_MACHINE_INNER:-}" ]]; then
     [[ "$(id -u)" == 0 ]] || skip "booting a machine needs root"
     command -v systemd-nspawn >/dev/null || skip "no systemd-nspawn (package systemd-container)"
-    # cpack's dependency list needs dpkg-shlibdeps (dpkg-dev) and file.
-    if ! command -v dpkg-shlibdeps >/dev/null || ! command -v file >/dev/null; then
-        skip "cpack needs dpkg-dev and file"
-    fi
+    command -v dpkg-buildpackage >/dev/null || skip "no dpkg-buildpackage (package dpkg-dev)"
+    command -v gdb >/dev/null || skip "no gdb"
     exec unshare --mount --pid --fork --kill-child=SIGTERM --mount-proc --propagation private \
         env TESSARY_MACHINE_INNER=1 bash "$0" "$@"
 fi
 
 source_dir=$1 build_dir=$2 next_version=$3
-shift 3
-next_cmake_args=("$@")
+package_dir=$build_dir/package
 next_build_dir=$build_dir/machine-next
 
 # Inside the machine.
@@ -246,10 +246,7 @@ leave_own_cgroup() {
 # status alone.
 build_next_package() {
     trap - ERR
-    cmake -S "$source_dir" -B "$next_build_dir" "${next_cmake_args[@]}" \
-        -DTESSARY_VERSION="$next_version" -DTESSARY_BUILD_TESTS=OFF -DTESSARY_BUILD_BENCH=OFF &&
-        cmake --build "$next_build_dir" &&
-        cpack -G DEB --config "$next_build_dir/CPackConfig.cmake" -B "$work/next"
+    bash "$source_dir/scripts/build-package.sh" --next "$next_version" "$next_build_dir"
 }
 
 # --- checks inside the machine ----------------------------------------------
@@ -361,8 +358,32 @@ step_install() {
     [[ "$(preferred_version)" == "$first_version" ]] || fail "the daemon records version $(preferred_version)"
 }
 
+# The daemon's backtrace, as gdb reads it from the running process.
+daemon_backtrace() {
+    machine gdb -batch -p "$(main_pid "$daemon_unit")" -ex bt 2>&1
+}
+
+# The daemon is stripped: with tessary-dbgsym installed, a backtrace of the
+# running daemon names the project's functions and source lines, and without
+# it, none.
+step_backtrace() {
+    local trace
+    machine apt-get install -y --no-install-recommends "$files/$first_dbgsym" >"$work/apt.log" 2>&1 ||
+        fail "apt-get install $first_dbgsym failed: $(cat "$work/apt.log")"
+    trace=$(daemon_backtrace) || fail "gdb could not read the daemon: $trace"
+    grep -q ' in main () at ./src/daemon/main.cpp:' <<<"$trace" ||
+        fail "the daemon's backtrace names none of the project's functions: $trace"
+    echo "machine-test: the running daemon's backtrace, with tessary-dbgsym:"
+    grep '^#' <<<"$trace" | sed 's/^/    /'
+    machine apt-get purge -y tessary-dbgsym >"$work/apt.log" 2>&1 ||
+        fail "apt-get purge tessary-dbgsym failed: $(cat "$work/apt.log")"
+    trace=$(daemon_backtrace) || fail "gdb could not read the daemon: $trace"
+    ! grep -q 'src/daemon/main.cpp' <<<"$trace" ||
+        fail "the daemon's backtrace has its source lines without tessary-dbgsym: $trace"
+}
+
 step_services() {
-    local before
+    local before list
     tessaryctl enable "$heartbeat"
     service_runs "$heartbeat"
     heartbeat_runs_with /run/tessary-heartbeat 5
@@ -381,19 +402,29 @@ step_services() {
         fail "tessaryctl create did not name $dynamic"
     tessaryctl enable "$dynamic"
     service_runs "$dynamic"
+    # A label that can name no unit, stored on demand and switched on, spoils
+    # no other service's state.
+    sleeper_definition "x y" >"$work/root$files/invalid.plist"
+    tessaryctl create --force --file "$files/invalid.plist" >/dev/null 2>&1 &&
+        tessaryctl enable "x y" || fail "the label \"x y\" was not created and enabled"
+    list=$(tessaryctl --json list)
+    [[ "$list" == *"\"$dynamic\":\"running\""* && "$list" == *"\"$heartbeat\":\"running\""* &&
+        "$list" == *'"x y":"invalid"'* ]] || fail "the states beside \"x y\": $list"
+    tessaryctl destroy "x y" >/dev/null
     tessaryctl destroy "$dynamic" >/dev/null
     [[ "$(machine systemctl show -P LoadState "$dynamic.service")" == not-found ]] ||
         fail "$dynamic.service is still loaded after its destruction"
     ! tessaryctl list | grep -q "$dynamic" || fail "$dynamic is still listed after its destruction"
 }
 
-# A service LABEL made of the property-list KEYS (XML), created and enabled
-# as a service author would.
+# A service LABEL made of the property-list KEYS (XML), created (with the
+# OPTIONs of create) and enabled as a service author would.
 create_and_enable() {
     local label=$1 keys=$2
+    shift 2
     printf '<?xml version="1.0" encoding="UTF-8"?>\n<plist version="1.0"><dict>
 <key>Label</key><string>%s</string>%s</dict></plist>\n' "$label" "$keys" >"$work/root$files/$label.plist"
-    tessaryctl create --file "$files/$label.plist" >/dev/null || fail "tessaryctl create $label failed"
+    tessaryctl create "$@" --file "$files/$label.plist" >/dev/null || fail "tessaryctl create $label failed"
     tessaryctl enable "$label" || fail "tessaryctl enable $label failed"
 }
 
@@ -458,9 +489,11 @@ print(" ".join(c.recv(64).decode().strip() for c in clients))') || fail "no echo
         <key>UserName</key><string>nobody</string>
         <key>StandardOutPath</key><string>/run/tessary-user.log</string>"
     wait_for 10 machine grep -qx nobody /run/tessary-user.log || fail "the user's job did not run as nobody"
+    # tessaryctl would not send it; forced, the daemon stores it and its
+    # backend refuses it.
     create_and_enable com.example.hostile "$(program /usr/bin/id -un)<key>RunAtLoad</key><true/>
         <key>StandardErrorPath</key><string>/run/job\</string>
-        <key>UserName</key><string>nobody</string>"
+        <key>UserName</key><string>nobody</string>" --force
     wait_for 10 eval "machine journalctl -q -t com.orvane.tessaryd | grep -q 'com.example.hostile: StandardErrorPath'" ||
         fail "no refusal of the hostile path in the journal"
     [[ "$(machine systemctl show -P LoadState com.example.hostile.service)" == not-found ]] ||
@@ -818,10 +851,8 @@ work=$(mktemp -d /tmp/tessary-machine.XXXXXX)
 mount -t tmpfs -o mode=0700 tmpfs "$work"
 # nspawn keeps its locks under /run/systemd/nspawn: keep them off the host.
 mount -t tmpfs -o mode=0755 tmpfs /run/systemd
-mkdir "$work/first" "$work/next" "$work/upper" "$work/overlay" "$work/root"
+mkdir "$work/upper" "$work/overlay" "$work/root"
 
-cpack -G DEB --config "$build_dir/CPackConfig.cmake" -B "$work/first" >"$work/cpack.log" 2>&1 ||
-    fail "cpack failed: $(tail -n 20 "$work/cpack.log")"
 set -m  # a process group of its own for the build, to end it as a whole
 build_next_package >"$work/next-build.log" 2>&1 &
 next_build_pid=$!
@@ -837,12 +868,15 @@ boot || skip "systemd-nspawn cannot boot a machine here: $(tail -n 20 "$work/con
 echo "machine-test: booted in $((SECONDS - started)) s"
 
 mkdir -p "$work/root$files"
-cp "$work"/first/tessary_*.deb "$work/root$files/"
-first_deb=$(basename "$work"/first/tessary_*.deb)
+cp "$package_dir"/tessary_*.deb "$package_dir"/tessary-dbgsym_*.deb "$work/root$files/" ||
+    fail "no packages in $package_dir: scripts/build-package.sh makes them"
+first_deb=$(basename "$package_dir"/tessary_*.deb)
+first_dbgsym=$(basename "$package_dir"/tessary-dbgsym_*.deb)
 first_version=$(dpkg-deb -f "$work/root$files/$first_deb" Version)
 
 step_install
 step_sandbox
+step_backtrace
 step_services
 step_job_format
 step_completion
@@ -859,8 +893,8 @@ step_replacement_notice
 wait "$next_build_pid" ||
     fail "the package of version $next_version was not made: $(tail -n 30 "$work/next-build.log")"
 next_build_pid=''
-cp "$work"/next/tessary_"$next_version"_*.deb "$work/root$files/"
-next_deb=$(basename "$work"/next/tessary_"$next_version"_*.deb)
+cp "$next_build_dir"/tessary_"$next_version"_*.deb "$work/root$files/"
+next_deb=$(basename "$next_build_dir"/tessary_"$next_version"_*.deb)
 dpkg --compare-versions "$next_version" gt "$first_version" ||
     fail "$next_version is not later than $first_version"
 step_upgrade

@@ -447,9 +447,7 @@ class StopAllSupervisionTest : public SupervisionTest {
 // The stops run all at once, and every line is written, however quick.
 TEST_F(StopAllSupervisionTest, EveryStopRunsAtOnce) {
     runServices(10, std::chrono::milliseconds(30));
-    const auto start = std::chrono::steady_clock::now();
     supervisor.stopAllServices();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1000));
     EXPECT_EQ(t.serviceManager.asked().mostRemovesInFlight, 10);
     EXPECT_TRUE(t.serviceManager.loadedLabels().empty());
     EXPECT_FALSE(std::filesystem::exists(t.paths.setupDoneMarker()));

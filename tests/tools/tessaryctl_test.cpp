@@ -41,7 +41,8 @@ TEST(Tessaryctl, UsageErrorsAndNoDaemon) {
         argv.insert(argv.end(), args.begin(), args.end());
         const auto run = testing::runProcess(argv);
         EXPECT_EQ(run.exitCode, 64) << ::testing::PrintToString(args);
-        EXPECT_NE(run.output.find("usage"), std::string::npos) << ::testing::PrintToString(args);
+        EXPECT_TRUE(run.output.ends_with("\nTry 'tessaryctl --help'.\n"))
+            << ::testing::PrintToString(args) << run.output;
     }
     EXPECT_EQ(testing::runProcess({TESSARYCTL, "--socket", none, "status"}).exitCode, 2);
 
@@ -128,10 +129,20 @@ TEST_F(TessaryctlTest, OneRequestCommandsAndTheirOutput) {
         << list.output;
     EXPECT_EQ(requests[0].find("argumentsData"), nullptr);
 
-    EXPECT_EQ(run({"enable", "a"}).exitCode, 1);
+    // A refusal that the list does not explain ("a" is listed) names the
+    // command; without the list, it says what a refusal can mean.
+    const auto refused = run({"enable", "a"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_EQ(refused.output,
+              "tessaryctl: the daemon refused \"enable\"; its journal may say why: journalctl -t "
+              "com.orvane.tessaryd\n");
     const auto unanswered = run({"--timeout", "0.2", "disable", "a"});
     EXPECT_EQ(unanswered.exitCode, 2);
     EXPECT_NE(unanswered.output.find("no reply"), std::string::npos) << unanswered.output;
+    silent = {"list"};
+    EXPECT_EQ(run({"--timeout", "0.2", "enable", "a"}).output,
+              "tessaryctl: the daemon refused \"enable\": not allowed, or no such service\n");
+    silent.clear();
 
     // A status that is not "configured" says what it means and what sets
     // the machine up; --json carries the word alone.
@@ -144,8 +155,10 @@ TEST_F(TessaryctlTest, OneRequestCommandsAndTheirOutput) {
     EXPECT_EQ(run({"--json", "restore-services"}).output,
               "{\"previouslyEnabledServices\":[\"a\",\"b\"]}\n");
     EXPECT_EQ(run({"demote"}).output, "");
-    EXPECT_EQ(commands, (Strings{"list", "enable", "disable", "status", "status", "restoreServices",
-                                 "demote"}));
+    // A refusal is followed by the list, which tells what the client can
+    // learn of it.
+    EXPECT_EQ(commands, (Strings{"list", "enable", "list", "disable", "enable", "list", "status",
+                                 "status", "restoreServices", "demote"}));
 }
 
 // "--file -" takes the property list from standard input, as a program
@@ -159,8 +172,10 @@ TEST_F(TessaryctlTest, APropertyListFromStandardInput) {
             [this] { testing::runFor(queue, 1ms); },
             [&] { return ::dup2(::open(input.c_str(), O_RDONLY), STDIN_FILENO) == STDIN_FILENO; });
     };
-    EXPECT_EQ(
-        fromInput("<plist><dict><key>Label</key><string>a.b</string></dict></plist>").exitCode, 0);
+    EXPECT_EQ(fromInput("<plist><dict><key>Label</key><string>a.b</string><key>Program</key>"
+                        "<string>/bin/true</string></dict></plist>")
+                  .exitCode,
+              0);
     ASSERT_EQ(commands, Strings{"create"});
     auto args = plist::decode(*requests[0].find("argumentsData")->data());
     ASSERT_TRUE(args);
@@ -187,7 +202,7 @@ TEST_F(TessaryctlTest, PromoteBeginsRunsTheCommandAndEnds) {
     replies["beginPromotion"] = {{"returnCodeInteger", Value::integer(1)}};
     EXPECT_EQ(run({"promote", "--", "/bin/sh", "-c", "touch " + marker}).exitCode, 1);
     EXPECT_FALSE(std::filesystem::exists(marker));
-    EXPECT_EQ(commands, (Strings{"beginPromotion", "beginPromotion", "beginPromotion"}));
+    EXPECT_EQ(commands, (Strings{"beginPromotion", "beginPromotion", "beginPromotion", "list"}));
 }
 
 }  // namespace

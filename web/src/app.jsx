@@ -1,44 +1,31 @@
-// The Tessary page: the machine's setup status, its background services with
-// their switches and what systemd says of them, and everything tessaryctl
-// does with them.
+// The Tessary page: the machine's setup status and its background services;
+// a list to find one among many (#/), and a page that shows one whole
+// (#/LABEL). The page reads the services when systemd says one of their
+// units changed, when it becomes visible again, when administrative access
+// changes, and slowly besides; it shows the dialogs at its root.
 /* global cockpit */
-import React, { useCallback, useEffect, useRef, useState } from "react";
+import React, { useCallback, useEffect, useMemo, useRef, useState } from "react";
 import {
-    Alert, AlertActionCloseButton, Button, Card, CardBody, CardTitle, EmptyState, EmptyStateBody, Flex, Label, Page,
-    PageSection, Spinner, Stack, StackItem, Switch, Text, TextContent, Title, Toolbar,
-    ToolbarContent, ToolbarItem,
-} from "./pf.js";
-import {
-    ActionsColumn, TableComposable, Tbody, Td, Th, Thead, Tr,
+    Alert, AlertActionCloseButton, Button, Card, CardBody, CardTitle, Page, PageSection, Stack,
+    StackItem, Text, TextContent, Title, Toolbar, ToolbarContent, ToolbarItem,
 } from "./pf.js";
 
-import {
-    ArgumentsDialog, CreateDialog, DemoteDialog, DestroyDialog, JournalDialog, PlistDialog,
-    ResetDialog,
-} from "./dialogs.jsx";
+import { DetailsPage } from "./details.jsx";
+import { CreateDialog, DemoteDialog, DialogHost } from "./dialogs.jsx";
+import { ServicesCard } from "./list.jsx";
+import { optionsOf, servicesOf, viewOf } from "./services.js";
 import { StatusCard } from "./status.jsx";
+import { followUnits } from "./systemd.js";
 import { EXIT_UNREACHABLE, failureText, tessaryctl } from "./tessaryctl.js";
 
-// How often the list is read again while the page is shown.
-const REFRESH_MS = 2000;
+const _ = cockpit.gettext;
 
-const STATE_COLORS = {
-    running: "green",
-    "waiting for a connection": "blue",
-    "waiting for its timer": "blue",
-    failed: "red",
-    stopped: "grey",
-};
+// The list is read this often besides, for what systemd does not announce
+// (a service created or destroyed elsewhere while it is off).
+const FALLBACK_MS = 30000;
 
-// The services from `tessaryctl --json list`, in the daemon's order.
-function servicesOf(list) {
-    const states = list.states || {};
-    const dynamic = new Set(list.dynamicServices || []);
-    const row = on => label => ({ label, on, state: states[label] || "unknown", dynamic: dynamic.has(label) });
-    return [...(list.enabledServices || []).map(row(true)),
-        ...(list.disabledServices || []).map(row(false))]
-            .sort((a, b) => a.label.localeCompare(b.label));
-}
+// The daemon's own unit: when it stops or starts, the page reads again.
+const DAEMON = "com.orvane.tessaryd";
 
 function useAdministrativeAccess() {
     const [allowed, setAllowed] = useState(null);
@@ -47,121 +34,36 @@ function useAdministrativeAccess() {
         const update = () => setAllowed(permission.allowed);
         permission.addEventListener("changed", update);
         update();
-        return () => permission.removeEventListener("changed", update);
+        return () => {
+            permission.removeEventListener("changed", update);
+            permission.close();
+        };
     }, []);
     return allowed;
 }
 
-function ServiceRow({ service, busy, onSwitch, onDialog }) {
-    const { label, on, state, dynamic } = service;
-    const items = [
-        { title: "Program arguments…", onClick: () => onDialog("arguments", label) },
-        { title: "Sockets…", onClick: () => onDialog("sockets", label) },
-        { title: "Calendar start times…", onClick: () => onDialog("calendar", label) },
-        { title: "Journal…", onClick: () => onDialog("journal", label) },
-        { isSeparator: true },
-        { title: "Reset…", onClick: () => onDialog("reset", label) },
-    ];
-    if (dynamic)
-        items.push({ title: "Destroy…", onClick: () => onDialog("destroy", label) });
-
-    return (
-        <Tr data-service={label} data-state={state} data-on={on ? "true" : "false"}>
-            <Td dataLabel="Service">{label}{dynamic && <> <Label isCompact>created</Label></>}</Td>
-            <Td dataLabel="State">
-                <Label color={STATE_COLORS[state] || "grey"} className="tessary-state">{state}</Label>
-            </Td>
-            <Td dataLabel="Switched on">
-                <Switch id={`switch-${label}`} aria-label={`Switch ${label} on or off`}
-                        isChecked={on} isDisabled={busy} onChange={checked => onSwitch(label, checked)} />
-            </Td>
-            <Td isActionCell>
-                <ActionsColumn items={items} popperProps={{ position: "right" }} />
-            </Td>
-        </Tr>
-    );
+function useLocation() {
+    const here = () => ({ path: cockpit.location.path, options: cockpit.location.options });
+    const [location, setLocation] = useState(here);
+    useEffect(() => {
+        const update = () => setLocation(here());
+        cockpit.addEventListener("locationchanged", update);
+        return () => cockpit.removeEventListener("locationchanged", update);
+    }, []);
+    return location;
 }
 
-function ServicesCard({ services, error, onChanged, setError }) {
-    const [busy, setBusy] = useState(new Set());
-    const [dialog, setDialog] = useState(null);
-
-    const onSwitch = (label, on) => {
-        setBusy(b => new Set(b).add(label));
-        (on ? tessaryctl.enable(label) : tessaryctl.disable(label))
-                .catch(e => setError(`${label} could not be switched ${on ? "on" : "off"}: ${failureText(e)}`))
-                .finally(() => {
-                    setBusy(b => { const n = new Set(b); n.delete(label); return n });
-                    onChanged();
-                });
-    };
-    const close = () => setDialog(null);
-    const done = () => { setDialog(null); onChanged() };
-
-    const dialogs = {
-        arguments: l => <ArgumentsDialog label={l} onClose={close} onDone={done} />,
-        sockets: l => <PlistDialog kind="sockets" label={l} onClose={close} onDone={done} />,
-        calendar: l => <PlistDialog kind="calendar" label={l} onClose={close} onDone={done} />,
-        journal: l => <JournalDialog label={l} onClose={close} />,
-        reset: l => <ResetDialog label={l} onClose={close} onDone={done} />,
-        destroy: l => <DestroyDialog label={l} onClose={close} onDone={done} />,
-        create: () => <CreateDialog onClose={close} onDone={done} />,
-    };
-
-    let body;
-    if (services === null && !error) {
-        body = <EmptyState><Spinner size="xl" /></EmptyState>;
-    } else if (services !== null && services.length === 0) {
-        body = <EmptyState><EmptyStateBody>No services are loaded.</EmptyStateBody></EmptyState>;
-    } else if (services !== null) {
-        body = (
-            <TableComposable aria-label="Tessary services" variant="compact" gridBreakPoint="grid-md"
-                             className="tessary-services" id="tessary-services">
-                <Thead>
-                    <Tr>
-                        <Th>Service</Th>
-                        <Th>State</Th>
-                        <Th>Switched on</Th>
-                        <Th screenReaderText="Actions" />
-                    </Tr>
-                </Thead>
-                <Tbody>
-                    {services.map(s => (
-                        <ServiceRow key={s.label} service={s} busy={busy.has(s.label)}
-                                    onSwitch={onSwitch} onDialog={(kind, l) => setDialog({ kind, label: l })} />
-                    ))}
-                </Tbody>
-            </TableComposable>
-        );
-    }
-
-    return (
-        <Card>
-            <CardTitle component="h2">
-                <Flex justifyContent={{ default: "justifyContentSpaceBetween" }}>
-                    <span>Background services</span>
-                    <Button variant="secondary" id="tessary-create"
-                            onClick={() => setDialog({ kind: "create" })}>Create service</Button>
-                </Flex>
-            </CardTitle>
-            <CardBody>
-                {error && <Alert variant="danger" isInline title={error}
-                                 actionClose={<AlertActionCloseButton onClose={() => setError(null)} />} />}
-                {body}
-                {dialog && dialogs[dialog.kind](dialog.label)}
-            </CardBody>
-        </Card>
-    );
-}
-
-export function App() {
-    const admin = useAdministrativeAccess();
+// The status and the services, read again on `refresh()`. A read that fails
+// leaves `loadError` until one succeeds; one asked for while another runs
+// follows it.
+function useTessary(admin) {
     const [status, setStatus] = useState(null);
     const [unreachable, setUnreachable] = useState(null);
     const [services, setServices] = useState(null);
-    const [error, setError] = useState(null);
-    const [demoting, setDemoting] = useState(false);
+    const [loadError, setLoadError] = useState(null);
+    const [generation, setGeneration] = useState(0);
     const reading = useRef(false);
+    const again = useRef(false);
     // The list is asked for before Cockpit has said whether the session has
     // administrative access, so that the two round trips overlap; without
     // it the list's refusal is not an error worth showing.
@@ -169,87 +71,231 @@ export function App() {
     adminNow.current = admin;
 
     const refresh = useCallback(() => {
-        if (reading.current)
+        if (reading.current) {
+            again.current = true;
             return;
+        }
         reading.current = true;
-        const statusRead = tessaryctl.status()
-                .then(s => { setStatus(s.status); setUnreachable(null) })
-                .catch(e => {
-                    if (e.exit_status === EXIT_UNREACHABLE)
-                        setUnreachable(failureText(e));
-                    else
-                        setError(failureText(e));
-                });
+        const statusRead = tessaryctl.status().then(s => {
+            setStatus(s.status);
+            setUnreachable(null);
+            return null;
+        }, e => {
+            if (e.exit_status !== EXIT_UNREACHABLE)
+                return failureText(e);
+            setUnreachable(failureText(e));
+            return null;
+        });
         const listRead = adminNow.current === false
-            ? Promise.resolve()
-            : tessaryctl.list().then(list => setServices(servicesOf(list)))
-                    .catch(e => adminNow.current && e.exit_status !== EXIT_UNREACHABLE &&
-                                setError(failureText(e)));
-        Promise.allSettled([statusRead, listRead]).then(() => { reading.current = false });
+            ? Promise.resolve(null)
+            : tessaryctl.list().then(list => {
+                setServices(servicesOf(list));
+                return null;
+            }, e => (adminNow.current && e.exit_status !== EXIT_UNREACHABLE ? failureText(e) : null));
+        Promise.all([statusRead, listRead]).then(([statusError, listError]) => {
+            setLoadError(statusError || listError);
+            setGeneration(g => g + 1);
+            reading.current = false;
+            if (again.current) {
+                again.current = false;
+                refresh();
+            }
+        });
     }, []);
 
     useEffect(() => {
         refresh();
-        const timer = window.setInterval(() => { if (!cockpit.hidden) refresh() }, REFRESH_MS);
-        return () => window.clearInterval(timer);
+        const timer = window.setInterval(() => { if (!cockpit.hidden) refresh(); }, FALLBACK_MS);
+        const visible = () => { if (!cockpit.hidden) refresh(); };
+        document.addEventListener("visibilitychange", visible);
+        return () => {
+            window.clearInterval(timer);
+            document.removeEventListener("visibilitychange", visible);
+        };
     }, [refresh]);
 
-    // Marks when the list first became usable, for the page's load time.
+    // Administrative access taken or given up: read again, in place.
+    const firstAdmin = useRef(true);
     useEffect(() => {
-        if (admin && services !== null && window.tessaryInteractiveAt === undefined) {
-            window.tessaryInteractiveAt = performance.now();
-            document.body.dataset.interactive = "true";
-        }
-    }, [admin, services]);
+        if (admin === null)
+            return;
+        if (firstAdmin.current)
+            firstAdmin.current = false;
+        else
+            refresh();
+    }, [admin, refresh]);
+
+    // systemd announces what happens to the services' units.
+    const labels = useRef(new Set());
+    labels.current = useMemo(() => new Set((services || []).map(s => s.label)), [services]);
+    useEffect(() => followUnits(label => label === DAEMON || labels.current.has(label), refresh), [refresh]);
+
+    return { status, unreachable, services, loadError, generation, refresh };
+}
+
+let alertNumber = 0;
+
+export function App() {
+    const admin = useAdministrativeAccess();
+    const { status, unreachable, services, loadError, generation, refresh } = useTessary(admin);
+    const location = useLocation();
+    const [dialog, setDialog] = useState(null);
+    const [alerts, setAlerts] = useState([]);
+    const [busy, setBusy] = useState(new Set());
+
+    const dialogs = useMemo(() => ({
+        show: setDialog,
+        close: () => setDialog(null),
+        done: () => { setDialog(null); refresh() },
+    }), [refresh]);
+
+    // PatternFly's modal hides the rest of the page from screen readers while
+    // it is open, and leaves it hidden when it goes away unclosed.
+    useEffect(() => {
+        if (dialog === null)
+            Array.from(document.body.children).forEach(el => el.removeAttribute("aria-hidden"));
+    }, [dialog]);
+
+    const addAlert = useCallback((title, text) =>
+        setAlerts(a => [...a, { id: ++alertNumber, title, text }]), []);
+
+    const onSwitch = useCallback((label, on) => {
+        setBusy(b => new Set(b).add(label));
+        (on ? tessaryctl.enable(label) : tessaryctl.disable(label))
+                .catch(e => addAlert(cockpit.format(on ? _("$0 could not be switched on") : _("$0 could not be switched off"),
+                                                    label), failureText(e)))
+                .finally(() => {
+                    setBusy(b => { const n = new Set(b); n.delete(label); return n });
+                    refresh();
+                });
+    }, [addAlert, refresh]);
+
+    // The list's filter and sort live in the URL; the list's last ones are
+    // where Back returns to from a service's page.
+    const listOptions = useRef({});
+    const label = location.path.length > 0 ? location.path[0] : null;
+    if (label === null)
+        listOptions.current = location.options;
+    const [view, setView] = useState(() => viewOf(location.options));
+    useEffect(() => {
+        if (label === null && JSON.stringify(optionsOf(view)) !== JSON.stringify(location.options))
+            setView(viewOf(location.options));
+    }, [label, location.options]); // eslint-disable-line react-hooks/exhaustive-deps
+    // The URL follows the typing once it rests, so that a keystroke does not
+    // also move the console's location.
+    const urlTimer = useRef(null);
+    const onView = useCallback(next => {
+        setView(next);
+        window.clearTimeout(urlTimer.current);
+        urlTimer.current = window.setTimeout(() => cockpit.location.replace([], optionsOf(next)), 300);
+    }, []);
+    // Opening a service writes the list's pending filter first, for Back.
+    const viewNow = useRef(view);
+    viewNow.current = view;
+    const onOpen = useCallback(l => {
+        window.clearTimeout(urlTimer.current);
+        cockpit.location.replace([], optionsOf(viewNow.current));
+        listOptions.current = optionsOf(viewNow.current);
+        cockpit.location.go([l]);
+    }, []);
+    const onBack = useCallback(() => cockpit.location.go([], listOptions.current), []);
+
+    let main;
+    if (admin && !unreachable && label !== null) {
+        const service = services === null ? undefined : (services.find(s => s.label === label) || null);
+        main = (
+            <DetailsPage
+                label={label} service={service} generation={generation} busy={busy.has(label)}
+                onSwitch={onSwitch} onBack={onBack}
+                listHref={"#" + cockpit.location.encode([], listOptions.current)}
+            />
+        );
+    } else {
+        main = (
+            <>
+                <PageSection variant="light">
+                    <Title headingLevel="h1">{_("Tessary services")}</Title>
+                    <TextContent><Text>{_("The background services of the Tessary app, run by its supervisor daemon, tessaryd.")}</Text></TextContent>
+                </PageSection>
+                <PageSection>
+                    <Stack hasGutter>
+                        <StackItem>
+                            <StatusCard status={status} unreachable={unreachable} admin={admin} />
+                        </StackItem>
+                        {admin === false &&
+                            <StackItem>
+                                <Alert
+                                    component="h2"
+                                    id="tessary-needs-admin" variant="info" isInline
+                                    title={_("Needs administrative access")}
+                                >
+                                    {_("Switching services, overrides and setting up the machine need administrative access. Turn it on with the “Limited access” button at the top of the window.")}
+                                </Alert>
+                            </StackItem>}
+                        {admin && !unreachable &&
+                            <StackItem>
+                                <ServicesCard
+                                    services={services} view={view} onView={onView} busy={busy}
+                                    onSwitch={onSwitch} onOpen={onOpen}
+                                    onCreate={() => dialogs.show(<CreateDialog />)}
+                                />
+                            </StackItem>}
+                        {admin && !unreachable &&
+                            <StackItem>
+                                <Card>
+                                    <CardTitle component="h2">{_("Remove Tessary")}</CardTitle>
+                                    <CardBody>
+                                        <Toolbar>
+                                            <ToolbarContent>
+                                                <ToolbarItem>
+                                                    <Text>{_("Stop every service and uninstall the daemon from this machine.")}</Text>
+                                                </ToolbarItem>
+                                                <ToolbarItem>
+                                                    <Button
+                                                        variant="danger" id="tessary-demote"
+                                                        onClick={() => dialogs.show(<DemoteDialog />)}
+                                                    >
+                                                        {_("Remove…")}
+                                                    </Button>
+                                                </ToolbarItem>
+                                            </ToolbarContent>
+                                        </Toolbar>
+                                    </CardBody>
+                                </Card>
+                            </StackItem>}
+                    </Stack>
+                </PageSection>
+            </>
+        );
+    }
 
     return (
-        <Page>
-            <PageSection variant="light">
-                <Title headingLevel="h1">Tessary</Title>
-                <TextContent><Text>The background services of the Tessary app, run by its
-                    supervisor daemon, tessaryd.</Text></TextContent>
-            </PageSection>
-            <PageSection>
-                <Stack hasGutter>
-                    <StackItem>
-                        <StatusCard status={status} unreachable={unreachable} admin={admin}
-                                    onChanged={refresh} />
-                    </StackItem>
-                    {admin === false &&
-                        <StackItem>
-                            <Alert id="tessary-needs-admin" variant="info" isInline
-                                   title="Needs administrative access">
-                                Switching services, overrides and setting up the machine need
-                                administrative access. Turn it on with the “Limited access”
-                                button at the top of the window.
-                            </Alert>
-                        </StackItem>}
-                    {admin && !unreachable &&
-                        <StackItem>
-                            <ServicesCard services={services} error={error} setError={setError}
-                                          onChanged={refresh} />
-                        </StackItem>}
-                    {admin && !unreachable &&
-                        <StackItem>
-                            <Card>
-                                <CardTitle component="h2">Remove Tessary</CardTitle>
-                                <CardBody>
-                                    <Toolbar><ToolbarContent>
-                                        <ToolbarItem><Text>Stop every service and uninstall the
-                                            daemon from this machine.</Text></ToolbarItem>
-                                        <ToolbarItem>
-                                            <Button variant="danger" id="tessary-demote"
-                                                    onClick={() => setDemoting(true)}>Remove…</Button>
-                                        </ToolbarItem>
-                                    </ToolbarContent></Toolbar>
-                                    {demoting &&
-                                        <DemoteDialog onClose={() => setDemoting(false)}
-                                                      onDone={() => { setDemoting(false); refresh() }} />}
-                                </CardBody>
-                            </Card>
-                        </StackItem>}
-                </Stack>
-            </PageSection>
-        </Page>
+        <DialogHost.Provider value={dialogs}>
+            <Page>
+                {(loadError || alerts.length > 0) &&
+                    <PageSection variant="light" className="tessary-alerts">
+                        <Stack hasGutter>
+                            {loadError &&
+                                <Alert
+                                    component="h2"
+                                    id="tessary-load-error" variant="danger" isInline
+                                    title={_("Cannot read the services")}
+                                >{loadError}
+                                </Alert>}
+                            {alerts.map(a => (
+                                <Alert
+                                    component="h2"
+                                    key={a.id} className="tessary-action-alert" variant="danger" isInline title={a.title}
+                                    actionClose={<AlertActionCloseButton onClose={() => setAlerts(all => all.filter(x => x.id !== a.id))} />}
+                                >
+                                    {a.text}
+                                </Alert>
+                            ))}
+                        </Stack>
+                    </PageSection>}
+                {main}
+            </Page>
+            {dialog}
+        </DialogHost.Provider>
     );
 }

@@ -1,6 +1,13 @@
 // Reads property-list XML typed or uploaded into the page, so that a mistake
 // is shown beside the field before anything is sent. tessaryctl and the
 // daemon check again; this is for the person typing.
+// The XML is read with xmldom rather than the browser's DOMParser, whose
+// error document carries an inline style that Cockpit's content security
+// policy refuses (and reports as a console error) on every mistake typed.
+/* global cockpit */
+import { DOMParser } from "@xmldom/xmldom";
+
+const _ = cockpit.gettext;
 
 export class PlistError extends Error {}
 
@@ -9,13 +16,13 @@ const SCALARS = {
     integer: el => {
         const text = el.textContent.trim();
         if (!/^[+-]?(0x[0-9a-fA-F]+|[0-9]+)$/.test(text))
-            throw new PlistError(`"${text}" is not an integer`);
+            throw new PlistError(cockpit.format(_("\"$0\" is not an integer."), text));
         return Number(text);
     },
     real: el => {
         const value = Number(el.textContent.trim());
         if (Number.isNaN(value))
-            throw new PlistError(`"${el.textContent.trim()}" is not a number`);
+            throw new PlistError(cockpit.format(_("\"$0\" is not a number."), el.textContent.trim()));
         return value;
     },
     date: el => el.textContent.trim(),
@@ -25,7 +32,7 @@ const SCALARS = {
 function elementsOf(node) {
     return Array.from(node.childNodes).filter(n => {
         if (n.nodeType === 3 && n.textContent.trim() !== "")
-            throw new PlistError(`text "${n.textContent.trim()}" outside a value`);
+            throw new PlistError(cockpit.format(_("The text \"$0\" stands outside a value."), n.textContent.trim()));
         return n.nodeType === 1;
     });
 }
@@ -44,32 +51,41 @@ function valueOf(el) {
         for (let i = 0; i < children.length; i += 2) {
             const key = children[i];
             if (key.tagName !== "key")
-                throw new PlistError(`<${key.tagName}> where a <key> belongs`);
+                throw new PlistError(cockpit.format(_("<$0> stands where a <key> belongs."), key.tagName));
             if (i + 1 >= children.length)
-                throw new PlistError(`the key "${key.textContent}" has no value`);
+                throw new PlistError(cockpit.format(_("The key \"$0\" has no value."), key.textContent));
             result[key.textContent] = valueOf(children[i + 1]);
         }
         return result;
     }
-    throw new PlistError(`<${tag}> is not a property-list value`);
+    throw new PlistError(cockpit.format(_("<$0> is not a property-list value."), tag));
 }
 
 // The value of an XML property list, or a PlistError saying what is wrong.
 export function parsePlist(text) {
     if (!text.trim())
-        throw new PlistError("Nothing was entered.");
-    const doc = new DOMParser().parseFromString(text, "application/xml");
-    const broken = doc.getElementsByTagName("parsererror");
-    if (broken.length > 0)
-        throw new PlistError("This is not well-formed XML: " +
-                             broken[0].textContent.split("\n").filter(Boolean)
-                                     .slice(0, 2).join(" "));
+        throw new PlistError(_("Nothing was entered."));
+    let doc;
+    try {
+        const parser = new DOMParser({
+            onError: (level, message) => {
+                if (level !== "warning")
+                    throw new Error(message);
+            },
+        });
+        doc = parser.parseFromString(text, "application/xml");
+    } catch (e) {
+        throw new PlistError(cockpit.format(_("This is not well-formed XML: $0"),
+                                            e.message.split("\n").filter(Boolean)
+                                                    .slice(0, 2)
+                                                    .join(" ")));
+    }
     const root = doc.documentElement;
     if (root.tagName !== "plist")
-        throw new PlistError("The text must be a property list: <plist> … </plist>.");
+        throw new PlistError(_("The text must be a property list: <plist> … </plist>."));
     const values = elementsOf(root);
     if (values.length !== 1)
-        throw new PlistError("A property list holds exactly one value.");
+        throw new PlistError(_("A property list holds exactly one value."));
     return valueOf(values[0]);
 }
 
@@ -79,19 +95,19 @@ const isDictionary = v => v !== null && typeof v === "object" && !Array.isArray(
 export const checks = {
     service: v => {
         if (!isDictionary(v))
-            throw new PlistError("A service definition is a dictionary.");
+            throw new PlistError(_("A service definition is a dictionary."));
         if (typeof v.Label !== "string" || v.Label === "")
-            throw new PlistError("A service definition needs a \"Label\" string.");
+            throw new PlistError(_("A service definition needs a \"Label\" string."));
         if (!("Program" in v) && !("ProgramArguments" in v))
-            throw new PlistError("A service definition needs \"Program\" or \"ProgramArguments\".");
+            throw new PlistError(_("A service definition needs \"Program\" or \"ProgramArguments\"."));
     },
     sockets: v => {
         if (!isDictionary(v))
-            throw new PlistError("Sockets are a dictionary of named sockets.");
+            throw new PlistError(_("Sockets are a dictionary of named sockets."));
         for (const [name, socket] of Object.entries(v)) {
             const list = Array.isArray(socket) ? socket : [socket];
             if (!list.every(isDictionary))
-                throw new PlistError(`The socket "${name}" must be a dictionary or an array of them.`);
+                throw new PlistError(cockpit.format(_("The socket \"$0\" must be a dictionary or an array of them."), name));
         }
     },
     calendar: v => {
@@ -99,12 +115,12 @@ export const checks = {
         const fields = ["Minute", "Hour", "Day", "Weekday", "Month"];
         for (const entry of list) {
             if (!isDictionary(entry))
-                throw new PlistError("Calendar start times are a dictionary or an array of them.");
+                throw new PlistError(_("Calendar start times are a dictionary or an array of them."));
             for (const [key, value] of Object.entries(entry)) {
                 if (!fields.includes(key))
-                    throw new PlistError(`"${key}" is not one of ${fields.join(", ")}.`);
+                    throw new PlistError(cockpit.format(_("\"$0\" is not one of $1."), key, fields.join(", ")));
                 if (!Number.isInteger(value))
-                    throw new PlistError(`"${key}" must be an integer.`);
+                    throw new PlistError(cockpit.format(_("\"$0\" must be an integer."), key));
             }
         }
     },

@@ -1,24 +1,36 @@
 // The machine's setup status, and setting it up.
+/* global cockpit */
 import React, { useState } from "react";
 import {
     Alert, Button, Card, CardBody, CardTitle, Flex, FlexItem, Label, Modal, ModalVariant, Text,
     TextContent,
 } from "./pf.js";
 
+import { useDialogs } from "./dialogs.jsx";
 import { failureText, tessaryctl } from "./tessaryctl.js";
 
-const MEANINGS = {
-    configured: "This machine is set up: the services you switch on are started, and stay on " +
-                "across restarts of the daemon.",
-    unconfigured: "This machine has not been set up. Until it is, each start of the daemon " +
-                  "parks the services that are switched on.",
-    updatable: "Services were parked by an update of the app or by a start before set-up. " +
-               "Setting the machine up again brings them back.",
+const _ = cockpit.gettext;
+
+const STATUSES = {
+    configured: {
+        text: () => _("configured"),
+        meaning: () => _("This machine is set up: the services you switch on are started, and stay on across restarts of the daemon."),
+        color: "green",
+    },
+    unconfigured: {
+        text: () => _("unconfigured"),
+        meaning: () => _("This machine has not been set up. Until it is, each start of the daemon parks the services that are switched on."),
+        color: "orange",
+    },
+    updatable: {
+        text: () => _("updatable"),
+        meaning: () => _("Services were parked by an update of the app or by a start before set-up. Setting the machine up again brings them back."),
+        color: "blue",
+    },
 };
 
-const COLORS = { configured: "green", unconfigured: "orange", updatable: "blue" };
-
-function SetUpDialog({ onClose, onDone }) {
+function SetUpDialog() {
+    const { close, done } = useDialogs();
     const [running, setRunning] = useState(false);
     const [error, setError] = useState(null);
 
@@ -26,7 +38,7 @@ function SetUpDialog({ onClose, onDone }) {
         setRunning(true);
         setError(null);
         tessaryctl.promote()
-                .then(() => onDone())
+                .then(() => done())
                 .catch(e => {
                     setError(failureText(e));
                     setRunning(false);
@@ -34,50 +46,64 @@ function SetUpDialog({ onClose, onDone }) {
     };
 
     return (
-        <Modal variant={ModalVariant.small} isOpen onClose={onClose} title="Set up this machine"
-               actions={[
-                   <Button key="setup" variant="primary" onClick={setUp} isLoading={running}
-                           isDisabled={running}>Set up</Button>,
-                   <Button key="cancel" variant="link" onClick={onClose}>Cancel</Button>,
-               ]}>
+        <Modal
+            variant={ModalVariant.small} isOpen onClose={close} title={_("Set up this machine")}
+            actions={[
+                <Button
+                       key="setup" variant="primary" onClick={setUp} isLoading={running}
+                       isDisabled={running}
+                >{_("Set up")}
+                </Button>,
+                <Button key="cancel" variant="link" onClick={close}>{_("Cancel")}</Button>,
+            ]}
+        >
             <TextContent>
-                <Text>Setting up runs a promotion of this machine. While it runs, the daemon:</Text>
+                <Text>{_("Setting up runs a promotion of this machine. While it runs, the daemon:")}</Text>
                 <Text component="ul">
-                    <Text component="li">keeps the machine from sleeping;</Text>
-                    <Text component="li">switches on the administration back end
-                        (com.orvane.tessaryadmind.backend);</Text>
-                    <Text component="li">records that the machine is set up, in
-                        /var/db/.TessarySetupDone;</Text>
-                    <Text component="li">switches on again the services that were on before an
-                        update of the app, and starts every service that is switched on.</Text>
+                    <Text component="li">{_("keeps the machine from sleeping;")}</Text>
+                    <Text component="li">{cockpit.format(_("switches on the administration back end ($0);"),
+                                                         "com.orvane.tessaryadmind.backend")}
+                    </Text>
+                    <Text component="li">{cockpit.format(_("records that the machine is set up, in $0;"),
+                                                         "/var/db/.TessarySetupDone")}
+                    </Text>
+                    <Text component="li">{_("switches on again the services that were on before an update of the app, and starts every service that is switched on.")}</Text>
                 </Text>
             </TextContent>
-            {error && <Alert variant="danger" isInline title="The set-up failed">{error}</Alert>}
+            {error && <Alert component="h2" variant="danger" isInline title={_("The set-up failed")}>{error}</Alert>}
         </Modal>
     );
 }
 
-export function StatusCard({ status, unreachable, admin, onChanged }) {
-    const [settingUp, setSettingUp] = useState(false);
+export function StatusCard({ status, unreachable, admin }) {
+    const dialogs = useDialogs();
+    const known = STATUSES[status];
 
     let body;
     if (unreachable) {
-        body = <Alert variant="warning" isInline title="The Tessary daemon is not running">
-            {unreachable}
-        </Alert>;
+        body = (
+            <Alert component="h3" id="tessary-unreachable" variant="warning" isInline title={_("The Tessary daemon is not running")}>
+                {unreachable}
+            </Alert>
+        );
     } else if (status === null) {
-        body = <Text>Reading the status…</Text>;
+        body = <Text>{_("Reading the status…")}</Text>;
     } else {
         body = (
             <Flex direction={{ default: "column" }} spaceItems={{ default: "spaceItemsSm" }}>
                 <FlexItem>
-                    <Label id="tessary-status" color={COLORS[status] || "grey"}>{status}</Label>
+                    <Label id="tessary-status" data-status={status} color={known?.color || "grey"}>
+                        {known ? known.text() : status}
+                    </Label>
                 </FlexItem>
-                <FlexItem><Text>{MEANINGS[status] || ""}</Text></FlexItem>
+                <FlexItem><Text>{known ? known.meaning() : ""}</Text></FlexItem>
                 {admin && status !== "configured" &&
                     <FlexItem>
-                        <Button id="tessary-setup" variant="primary"
-                                onClick={() => setSettingUp(true)}>Set up this machine</Button>
+                        <Button
+                            id="tessary-setup" variant="primary"
+                            onClick={() => dialogs.show(<SetUpDialog />)}
+                        >{_("Set up this machine…")}
+                        </Button>
                     </FlexItem>}
             </Flex>
         );
@@ -85,12 +111,9 @@ export function StatusCard({ status, unreachable, admin, onChanged }) {
 
     return (
         <Card>
-            <CardTitle component="h2">Setup status</CardTitle>
+            <CardTitle component="h2">{_("Setup status")}</CardTitle>
             <CardBody>
                 <TextContent>{body}</TextContent>
-                {settingUp &&
-                    <SetUpDialog onClose={() => setSettingUp(false)}
-                                 onDone={() => { setSettingUp(false); onChanged() }} />}
             </CardBody>
         </Card>
     );

@@ -13,8 +13,9 @@ export function failureText(error) {
 }
 
 // The exit status tessaryctl gives when the daemon is not there or did not
-// answer.
+// answer, and when it does not know a command.
 export const EXIT_UNREACHABLE = 2;
+const EXIT_USAGE = 64;
 
 function run(args, { superuser = "require", input = null } = {}) {
     const process = cockpit.spawn(["tessaryctl", ...args], { superuser, err: "message" });
@@ -29,9 +30,30 @@ async function runJson(args, options) {
     return output.trim() ? JSON.parse(output) : {};
 }
 
+// What the translation would make of a definition, asking nothing of the
+// daemon: {label, runs, units, findings}. It answers 1 with its findings
+// when it would refuse the job. Null when this tessaryctl cannot check.
+async function check(xml) {
+    let output = "";
+    const process = cockpit.spawn(["tessaryctl", "--json", "check", "--file", "-"],
+                                  { superuser: "try", err: "message" });
+    process.stream(chunk => { output += chunk });
+    process.input(xml);
+    try {
+        await process;
+    } catch (e) {
+        if (e.exit_status === EXIT_USAGE)
+            return null;
+        if (e.exit_status !== 1 || !output.trim())
+            throw e;
+    }
+    return JSON.parse(output);
+}
+
 export const tessaryctl = {
     status: () => runJson(["status"], { superuser: "try" }),
     list: () => runJson(["list"]),
+    show: label => runJson(["show", label]),
     enable: label => runJson(["enable", label]),
     disable: label => runJson(["disable", label]),
     reset: label => runJson(["reset", label]),
@@ -43,9 +65,9 @@ export const tessaryctl = {
     calendar: label => run(["start-calendar-intervals", label]),
     setCalendar: (label, xml) =>
         runJson(["start-calendar-intervals", label, "--file", "-"], { input: xml }),
+    check,
     create: xml => runJson(["create", "--file", "-"], { input: xml }),
     destroy: label => runJson(["destroy", label]),
-    logs: label => run(["logs", label]),
     // tessaryctl stays the promoting process while the set-up command runs,
     // and ends the promotion when it succeeds.
     promote: () => run(["promote", "--", "true"]),

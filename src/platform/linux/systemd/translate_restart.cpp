@@ -169,9 +169,7 @@ Status Translator::restart() {
         return {};
     }
     if (out_.accepts) {
-        return refuse("KeepAlive",
-                      "a job that serves each connection (inetdCompatibility with "
-                      "Wait false) runs once per connection and is not kept alive");
+        return refuse("KeepAlive", kOnlyForConnections);
     }
     for (const RestartRule& rule : kRules) {
         if (rule.ends == ends) {

@@ -25,6 +25,20 @@
 
 namespace tessary::linux_backend {
 
+Status Translator::addTrigger(const std::string& key, const char* kind, const char* description,
+                              Section body, std::string& unitName) {
+    if (out_.accepts) {
+        return refuse(key, kOnlyForConnections);
+    }
+    std::string lower = kind;
+    lower[0] = static_cast<char>(lower[0] - 'A' + 'a');
+    unitName = out_.label + "." + lower;
+    Section unit;
+    unit.add("Description", description + out_.label);
+    companions_.push_back({unitName, {{"Unit", unit}, {kind, std::move(body)}}});
+    return {};
+}
+
 Status Translator::timer() {
     std::vector<std::string> calendar;
     std::vector<std::string> interval;
@@ -112,14 +126,6 @@ Status Translator::timer() {
     if (calendar.empty() && interval.empty()) {
         return {};
     }
-    if (out_.accepts) {
-        return refuse(calendar.empty() ? "StartInterval" : "StartCalendarInterval",
-                      "a job that serves each connection (inetdCompatibility with Wait false) "
-                      "runs only for a connection");
-    }
-    out_.timerUnit = out_.label + ".timer";
-    Section unit;
-    unit.add("Description", "Start times of " + out_.label);
     Section timer;
     timer.add("Unit", out_.serviceUnit);
     timer.add("AccuracySec", "1s");
@@ -127,8 +133,8 @@ Status Translator::timer() {
         timer.add("OnCalendar", c);
     }
     timer.lines.insert(timer.lines.end(), interval.begin(), interval.end());
-    companions_.push_back({out_.timerUnit, {{"Unit", unit}, {"Timer", timer}}});
-    return {};
+    return addTrigger(calendar.empty() ? "StartInterval" : "StartCalendarInterval", "Timer",
+                      "Start times of ", std::move(timer), out_.timerUnit);
 }
 
 Status Translator::watchedPaths() {
@@ -175,19 +181,10 @@ Status Translator::watchedPaths() {
     if (pathTriggers_.empty()) {
         return {};
     }
-    if (out_.accepts) {
-        return refuse("WatchPaths",
-                      "a job that serves each connection (inetdCompatibility with "
-                      "Wait false) runs only for a connection");
-    }
-    out_.pathUnit = out_.label + ".path";
-    Section unit;
-    unit.add("Description", "Watched paths of " + out_.label);
     Section path;
     path.add("Unit", out_.serviceUnit);
     path.lines.insert(path.lines.end(), pathTriggers_.begin(), pathTriggers_.end());
-    companions_.push_back({out_.pathUnit, {{"Unit", unit}, {"Path", path}}});
-    return {};
+    return addTrigger("WatchPaths", "Path", "Watched paths of ", std::move(path), out_.pathUnit);
 }
 
 }  // namespace tessary::linux_backend

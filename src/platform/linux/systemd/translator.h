@@ -18,6 +18,12 @@
 
 namespace tessary::linux_backend {
 
+// Why a job that serves each connection with a process of its own can have
+// no other start.
+inline constexpr const char* kOnlyForConnections =
+    "a job that serves each connection (inetdCompatibility with Wait false) runs only for a "
+    "connection";
+
 class Translator {
   public:
     Translator(const plist::Value& job, const TranslationOptions& options)
@@ -66,6 +72,10 @@ class Translator {
     Result<std::vector<std::string>> stringsAt(const std::string& key, const plist::Value& value);
 
     bool hasTrigger() const;
+    // A timer or path unit ("Timer", "Path") that starts the service, named
+    // into `unitName`; refused for a job whose service serves connections.
+    Status addTrigger(const std::string& key, const char* kind, const char* description,
+                      Section body, std::string& unitName);
     // Adds an OR-ed condition of `key` to the service's [Unit] section.
     Status orCondition(const std::string& key, const std::string& line);
     // Whether the job has a way to start other than `except` (a key).

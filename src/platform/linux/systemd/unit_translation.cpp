@@ -205,9 +205,7 @@ JobCheck Translator::run() {
     }
     if (const plist::Value* run = job_.find("RunAtLoad"); run != nullptr && run->boolValue()) {
         if (out_.accepts) {
-            (void)refuse("RunAtLoad",
-                         "a job that serves each connection (inetdCompatibility with Wait "
-                         "false) runs only for a connection");
+            (void)refuse("RunAtLoad", kOnlyForConnections);
             return refused();
         }
         out_.startService = true;
