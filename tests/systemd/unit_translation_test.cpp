@@ -237,7 +237,7 @@ TEST(UnitTranslation, UnquotedValuesAreReadBackExactlyOrRefused) {
     for (const auto& d : directives) {
         for (std::string value : values) {
             if (d.path && !value.starts_with('/')) {
-                value.insert(0, "/");  // past the rule that paths are absolute
+                value = "/" + value;  // past the rule that paths are absolute
             }
             Dictionary job = d.job(value);
             job.emplace("ProgramArguments", kTrue);
