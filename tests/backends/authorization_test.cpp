@@ -71,10 +71,10 @@ TEST(FailClosedTest, OnlyRootHoldsTheRightWithoutPolkit) {
     const std::string socket = dir / "bus";
     pid_t bus = -1;
     ASSERT_TRUE(testing::startBusDaemon(bus, socket));
-    Polkit polkit({"unix:path=" + socket, "com.orvane.tessaryd.admin", 2s});
-    const auto start = std::chrono::steady_clock::now();
+    // A bus without polkit is found out at once: were the call left to time
+    // out, the test would outlast its time limit.
+    Polkit polkit({"unix:path=" + socket, "com.orvane.tessaryd.admin", std::chrono::hours(1)});
     expectOnlyRoot(polkit, "bus without polkit");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
     testing::stopProcess(bus);
     expectOnlyRoot(polkit, "bus gone");  // the cached connection fails
 }
