@@ -7,7 +7,7 @@
 add_executable(tessary_install ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessary_install.cpp)
 set_target_properties(tessary_install PROPERTIES OUTPUT_NAME tessary-install)
 target_link_libraries(tessary_install PRIVATE
-  tessary_client tessary_systemd tessary_linux_backends tessary_platform_linux)
+  tessary_client tessary_systemd tessary_polkit tessary_platform_linux)
 
 add_executable(tessaryd_generator ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryd_generator.cpp)
 set_target_properties(tessaryd_generator PROPERTIES OUTPUT_NAME tessaryd-generator)

@@ -4,7 +4,7 @@ include(GNUInstallDirs)
 
 add_library(tessary_client STATIC ${CMAKE_CURRENT_SOURCE_DIR}/tools/client/tessary_client.cpp)
 target_include_directories(tessary_client PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/tools)
-target_link_libraries(tessary_client PUBLIC tessary_peer_identity)
+target_link_libraries(tessary_client PUBLIC tessary_linux_ipc)
 
 add_executable(tessaryctl ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryctl.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/tools/terminal_authorization.cpp
@@ -13,7 +13,7 @@ add_executable(tessaryctl ${CMAKE_CURRENT_SOURCE_DIR}/tools/tessaryctl.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/tools/job_check.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/tools/service_details.cpp)
 target_link_libraries(tessaryctl PRIVATE
-  tessary_client tessary_linux_backends tessary_prefs tessary_systemd)
+  tessary_client tessary_polkit tessary_prefs tessary_systemd tessary_platform_linux)
 
 install(TARGETS tessaryctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES ${CMAKE_CURRENT_SOURCE_DIR}/data/polkit/com.orvane.tessaryd.policy
@@ -35,7 +35,7 @@ install(FILES ${CMAKE_BINARY_DIR}/product/version ${CMAKE_BINARY_DIR}/product/mi
 # on the PATH of every job it submits (src/daemon/main.cpp), not onto the
 # system's PATH: their names are too common for that.
 add_executable(jobtool ${CMAKE_CURRENT_SOURCE_DIR}/tools/jobtool.cpp)
-target_link_libraries(jobtool PRIVATE tessary_systemd tessary_linux_backends tessary_platform_linux)
+target_link_libraries(jobtool PRIVATE tessary_systemd tessary_polkit tessary_platform_linux)
 
 add_executable(syslog_command ${CMAKE_CURRENT_SOURCE_DIR}/tools/syslog_command.cpp)
 set_target_properties(syslog_command PROPERTIES OUTPUT_NAME syslog)

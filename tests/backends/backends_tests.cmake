@@ -5,10 +5,8 @@ add_executable(tessary_info_carrier ${CMAKE_CURRENT_SOURCE_DIR}/backends/info_ca
 
 add_executable(tessary_backend_tests
   ${CMAKE_CURRENT_SOURCE_DIR}/backends/message_service_test.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/backends/peer_identity_test.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/backends/authorization_test.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/backends/file_info_test.cpp)
-target_link_libraries(tessary_backend_tests PRIVATE tessary_linux_backends tessary_test_support)
+  ${CMAKE_CURRENT_SOURCE_DIR}/backends/authorization_test.cpp)
+target_link_libraries(tessary_backend_tests PRIVATE tessary_polkit tessary_test_support)
 target_compile_definitions(tessary_backend_tests PRIVATE
   INFO_CARRIER="$<TARGET_FILE:tessary_info_carrier>")
 add_dependencies(tessary_backend_tests tessary_info_carrier)

@@ -17,6 +17,7 @@
 #include "platform/linux/ipc/unix_message_service.h"
 #include "plist/codec.h"
 #include "support/handmade_plist.h"
+#include "support/process.h"
 #include "support/temp_dir.h"
 #include "support/value_printer.h"
 
@@ -29,8 +30,7 @@ using linux_backend::UnixMessageService;
 using plist::Dictionary;
 using plist::Value;
 using Kind = PeerEvent::Kind;
-
-constexpr std::uint32_t kNobody = 65534;
+using testing::kNobody;
 
 plist::Bytes binary(const Dictionary& d) {
     return plist::encode(Value(d), plist::Format::Binary).value();

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "daemon/daemon_info.h"
 #include "daemon/supervisor.h"
 #include "support/test_platform.h"
@@ -83,10 +81,7 @@ class DaemonFixture : public ::testing::Test {
     // Sends one request and returns the reply, if one came.
     std::optional<plist::Dictionary> request(FakeConnection& c, plist::Dictionary fields) {
         const std::size_t before = c.replies.size();
-        PeerEvent e{PeerEvent::Kind::Message, KeyedMessage{std::move(fields), {}}, ""};
-        const std::int32_t pid = c.peerPid();  // where an audit token holds it
-        std::memcpy(e.message->auditToken.data() + 20, &pid, sizeof pid);
-        c.deliver(e);
+        c.deliver({PeerEvent::Kind::Message, KeyedMessage{std::move(fields), {}}, ""});
         if (c.replies.size() == before) {
             return std::nullopt;
         }

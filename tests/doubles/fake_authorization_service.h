@@ -17,10 +17,9 @@ class FakeAuthorizationService final : public AuthorizationService {
         std::set<std::string> rights;
     };
 
-    Created create(const std::vector<std::string>& rights, std::uint32_t flags) override {
+    Created create(const std::vector<std::string>& rights, std::uint32_t /*flags*/) override {
         std::lock_guard lock(mutex_);
         ++createCalls_;
-        lastCreateFlags_ = flags;
         if (failCreate_) {
             return {-60008, nullptr};
         }
@@ -59,17 +58,12 @@ class FakeAuthorizationService final : public AuthorizationService {
         std::lock_guard lock(mutex_);
         return createCalls_;
     }
-    std::uint32_t lastCreateFlags() const {
-        std::lock_guard lock(mutex_);
-        return lastCreateFlags_;
-    }
 
   private:
     mutable std::mutex mutex_;
     std::map<AuthorizationExternalForm, std::set<std::string>> forms_;
     bool failCreate_ = false;
     int createCalls_ = 0;
-    std::uint32_t lastCreateFlags_ = 0;
 };
 
 }  // namespace tessary::testing

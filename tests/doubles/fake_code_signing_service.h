@@ -1,30 +1,22 @@
 #pragma once
 
-#include <cstring>
-
 #include "platform/code_signing_service.h"
 #include "platform/message_service.h"
 
 namespace tessary::testing {
 
-// Resolves the audit attribute the way the request channel hands it over (the
-// address of the token) and accepts the always-true requirement "true".
+// Resolves every audit attribute, unless told not to, and accepts the
+// always-true requirement "true".
 class FakeCodeSigningService final : public CodeSigningService {
   public:
-    struct Code final : StaticCode {
-        std::int32_t pid = 0;
-    };
+    struct Code final : StaticCode {};
     struct Requirement final : CodeRequirement {};
 
-    Guest copyGuestWithAuditAttribute(const AuditAttribute& attribute) override {
+    Guest copyGuestWithAuditAttribute(const AuditAttribute& /*attribute*/) override {
         if (!resolves) {
             return {-67068, nullptr};
         }
-        const AuditToken* token = nullptr;
-        std::memcpy(&token, attribute.data(), sizeof token);
-        auto code = std::make_unique<Code>();
-        std::memcpy(&code->pid, token->data() + 20, sizeof code->pid);
-        return {0, std::move(code)};
+        return {0, std::make_unique<Code>()};
     }
     Compiled createRequirement(const std::string& text) override {
         if (text != "true") {

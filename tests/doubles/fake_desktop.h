@@ -23,16 +23,9 @@ class FakeUserNotices final : public UserNoticeService {
 
 class FakeBackupExclusion final : public BackupExclusionService {
   public:
-    int setExcluded(std::string_view path, bool exclude, bool byPath) override {
-        calls.push_back({std::string(path), exclude, byPath});
+    int setExcluded(std::string_view /*path*/, bool /*exclude*/, bool /*byPath*/) override {
         return 0;
     }
-    struct Call {
-        std::string path;
-        bool exclude;
-        bool byPath;
-    };
-    std::vector<Call> calls;
 };
 
 class FakeProductInfo final : public ProductInfo {

@@ -14,7 +14,7 @@ class FakeConnection final : public MessageConnection {
     void setEventHandler(std::function<void(const PeerEvent&)> handler) override {
         handler_ = std::move(handler);
     }
-    void activate() override { active = true; }
+    void activate() override {}
     bool sendReply(const KeyedMessage& /*request*/, const plist::Dictionary& reply) override {
         replies.push_back(reply);
         return true;
@@ -29,7 +29,6 @@ class FakeConnection final : public MessageConnection {
         }
     }
 
-    bool active = false;
     bool cancelled = false;
     std::vector<plist::Dictionary> replies;
 

@@ -33,9 +33,6 @@ class FakePowerAssertions final : public PowerAssertionService {
 class FakeSystemPowerNotifier final : public SystemPowerNotifier {
   public:
     Registration registerForSystemPower(Callback callback) override {
-        if (refuse) {
-            return {};
-        }
         callback_ = std::move(callback);
         return {7, 11, 13};
     }
@@ -53,7 +50,6 @@ class FakeSystemPowerNotifier final : public SystemPowerNotifier {
         }
     }
 
-    bool refuse = false;
     std::vector<std::uint32_t> deregistered, destroyedPorts, closed;
     std::vector<std::pair<std::uint32_t, std::intptr_t>> allowed;
 

@@ -12,7 +12,7 @@ namespace tessary::testing {
 // kernel would (a full disk, a read-only directory).
 class FaultyFileOperations final : public FileOperations {
   public:
-    enum class Op { Read, Write, SetPermissions, CreateDirectory, Move, Remove };
+    enum class Op { Read, Write, SetPermissions, CreateDirectory, Move };
 
     void fail(Op op, int err = EIO) { failures_[op] = err; }
     void heal() { failures_.clear(); }
@@ -46,9 +46,7 @@ class FaultyFileOperations final : public FileOperations {
     Status replaceFile(const std::string& f, const std::string& t) override {
         return unless(Op::Move, t, [&] { return real_.replaceFile(f, t); });
     }
-    Status removeItem(const std::string& p) override {
-        return unless(Op::Remove, p, [&] { return real_.removeItem(p); });
-    }
+    Status removeItem(const std::string& p) override { return real_.removeItem(p); }
     Result<std::vector<std::string>> listDirectory(const std::string& p) override {
         return real_.listDirectory(p);
     }

@@ -21,24 +21,18 @@ function(add_sandbox_test name timeout)
   set_tests_properties(${name} PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT ${timeout})
 endfunction()
 
-foreach(suite daemon lifecycle)
-  add_executable(tessary_${suite}_e2e_tests ${CMAKE_CURRENT_SOURCE_DIR}/e2e/${suite}_e2e_test.cpp)
-  target_include_directories(tessary_${suite}_e2e_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
-  target_link_libraries(tessary_${suite}_e2e_tests PRIVATE
-    tessary_client GTest::gtest GTest::gtest_main)
-  add_dependencies(tessary_${suite}_e2e_tests tessaryd)
-endforeach()
+add_executable(tessary_lifecycle_e2e_tests ${CMAKE_CURRENT_SOURCE_DIR}/e2e/lifecycle_e2e_test.cpp)
+target_include_directories(tessary_lifecycle_e2e_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+target_link_libraries(tessary_lifecycle_e2e_tests PRIVATE
+  tessary_client GTest::gtest GTest::gtest_main)
+add_dependencies(tessary_lifecycle_e2e_tests tessaryd)
 
 # Sixteen clients at once, and the daemon killed under load.
 add_executable(tessary_load_client ${CMAKE_CURRENT_SOURCE_DIR}/e2e/load_client.cpp)
 target_link_libraries(tessary_load_client PRIVATE tessary_client Threads::Threads)
 
-add_sandbox_test(e2e.daemon 300 COMMAND $<TARGET_FILE:tessary_daemon_e2e_tests>)
 # The app's fate.
 add_sandbox_test(e2e.lifecycle 300 AS_SERVICE COMMAND $<TARGET_FILE:tessary_lifecycle_e2e_tests>)
-# It uses up root's inotify instances for a moment, which every process of
-# root's on the machine shares: nothing else may run beside it.
-set_tests_properties(e2e.lifecycle PROPERTIES RUN_SERIAL TRUE)
 add_sandbox_test(e2e.load 1200
   COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/e2e/load.sh $<TARGET_FILE:tessary_load_client>)
 add_sandbox_test(e2e.kill 600 AS_SERVICE

@@ -75,8 +75,12 @@ class Client {
                           [](const Value& r) { return r.find("enabledServices") != nullptr; });
                     break;
                 case 'p':
-                    check(ask("programArguments", service()),
-                          [](const Value& r) { return *r.find("programArguments") == kArguments; });
+                    // Every client's service has the same arguments: only the
+                    // name in the reply tells that it answers this client.
+                    check(ask("programArguments", service()), [this](const Value& r) {
+                        return *r.find("programArguments") == kArguments &&
+                               r.stringAt("service") != nullptr && *r.stringAt("service") == label_;
+                    });
                     break;
                 default:
                     check(ask("status", {}, false),

@@ -101,10 +101,11 @@ sandbox_stop() {
 
 SANDBOX_PIDS=()
 
-# The daemon's system-log lines, appended to FILE: a private /dev (the
-# host's nodes bound back one by one) with a datagram socket at /dev/log.
+# The system-log lines of everything in the namespace, appended to FILE as
+# "IDENT: TEXT" (with --priority "<PRIORITY>IDENT: TEXT"): a private /dev
+# (the host's nodes bound back one by one) with a datagram socket at /dev/log.
 sandbox_syslog() {
-    local file=$1 host=/run/tessary-sandbox/hostdev entry name
+    local file=$1 priority=${2:-} host=/run/tessary-sandbox/hostdev entry name
     mkdir -p "$host"
     mount --rbind /dev "$host"  # with its submounts: /dev/pts for terminals
     mount -t tmpfs -o mode=0755 tmpfs /dev
@@ -123,17 +124,20 @@ sandbox_syslog() {
         fi
     done
     : >"$file"
-    python3 - "$file" <<'PY' &
+    python3 - "$file" "$priority" <<'PY' &
 import re, socket, sys
 s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
 s.bind("/dev/log")
-form = re.compile(rb"<\d+>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^\[:]+)(?:\[\d+\])?: ?(.*)", re.S)
+form = re.compile(rb"(<\d+>)\w{3} [ \d]\d \d\d:\d\d:\d\d ([^\[:]+)(?:\[\d+\])?: ?(.*)", re.S)
+keep = sys.argv[2] == "--priority"
 with open(sys.argv[1], "ab", buffering=0) as out:
     while True:
         line = s.recv(65536)
         m = form.match(line)
         # One line per event: "ident: text".
-        out.write((m.group(1) + b": " + m.group(2) if m else line).rstrip(b"\n") + b"\n")
+        if m:
+            line = (m.group(1) if keep else b"") + m.group(2) + b": " + m.group(3)
+        out.write(line.rstrip(b"\n") + b"\n")
 PY
     SANDBOX_PIDS+=($!)
     local _

@@ -12,7 +12,8 @@
 # overlay whose upper layer is a tmpfs, with systemd-nspawn, and then inside,
 # checking each step:
 #   1. `apt-get install` of the package: the daemon runs as a system unit and
-#      answers tessaryctl; the unit carries the package's sandbox (systemd's
+#      answers tessaryctl; the generator makes the very unit the install
+#      submitted; the unit carries the package's sandbox (systemd's
 #      exposure figure at the goal, the capabilities and read-only paths in
 #      effect, a probe under the same settings refused writes elsewhere and
 #      sockets that are not Unix ones), and every later step runs under it;
@@ -20,7 +21,7 @@
 #      of the running daemon;
 #   2. a sample service enabled runs as its unit; its arguments overridden,
 #      a new process runs with them; a dynamic service created runs, and is
-#      gone once destroyed;
+#      gone once destroyed; the calendar sample waits on its timer;
 #   3. the Tessary page of the Cockpit web console in Chromium, as a user
 #      without administrative access and as an administrator with it
 #      (browser-test.cjs);
@@ -29,7 +30,8 @@
 #   5. `apt-get install` of the later package: the daemon restarts on the new
 #      executable, and the services stay enabled and running;
 #   6. `apt-get remove`: nothing of the project is left but the preferences;
-#      `apt-get purge`: they go too.
+#      installed again, `apt-get purge` while the daemon does not answer: the
+#      removal alone takes everything, the preferences too.
 # The daemon's journal lines are printed when a step fails.
 #
 # Everything happens in a private mount and PID namespace, so that no mount
@@ -354,6 +356,11 @@ PLIST
 step_install() {
     install_package "$first_deb" "$first_version"
     daemon_answers "/run/systemd/system/$daemon_unit"
+    # At boot the generator makes the very unit that the install submitted.
+    machine mkdir -p "$files/generated"
+    machine /usr/lib/systemd/system-generators/tessaryd-generator "$files/generated"
+    machine cmp "$files/generated/$daemon_unit" "/run/systemd/system/$daemon_unit" ||
+        fail "the generator's unit differs from the one the install submitted"
     setup_status_is unconfigured
     [[ "$(preferred_version)" == "$first_version" ]] || fail "the daemon records version $(preferred_version)"
 }
@@ -415,6 +422,10 @@ step_services() {
     [[ "$(machine systemctl show -P LoadState "$dynamic.service")" == not-found ]] ||
         fail "$dynamic.service is still loaded after its destruction"
     ! tessaryctl list | grep -q "$dynamic" || fail "$dynamic is still listed after its destruction"
+    tessaryctl enable com.orvane.tessary.calendar
+    wait_for 10 unit_is_active com.orvane.tessary.calendar.timer ||
+        fail "the calendar's timer is $(unit_state com.orvane.tessary.calendar.timer)"
+    tessaryctl disable com.orvane.tessary.calendar
 }
 
 # A service LABEL made of the property-list KEYS (XML), created (with the
@@ -832,8 +843,16 @@ step_remove_and_purge() {
     [[ -z "$left" ]] || fail "the package's files left after removal: $left"
     machine test -f "$preferences" || fail "removal took the preferences"
 
+    # Installed again and purged while the daemon does not answer (its
+    # request socket gone): the removal alone must take everything.
+    install_package "$next_deb" "$next_version"
+    daemon_answers "/run/systemd/system/$daemon_unit"
+    machine rm /run/tessaryd/com.orvane.tessaryd
     machine apt-get purge -y tessary >"$work/apt.log" 2>&1 ||
         fail "apt-get purge failed: $(cat "$work/apt.log")"
+    wait_for 10 eval '[[ -z "$(project_leftovers)" ]]' || true
+    left=$(project_leftovers)
+    [[ -z "$left" ]] || fail "left after a purge the daemon did not answer: $left"
     ! machine test -e /Library/Tessary || fail "the preferences are left after purge"
     ! machine test -e /etc/tessary || fail "the product's version files are left after purge"
     ! machine dpkg-query -W tessary >/dev/null 2>&1 || fail "dpkg still knows the package"

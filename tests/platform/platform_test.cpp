@@ -72,8 +72,8 @@ TEST(SdEventQueue, RunsWorkTimersAndDescriptorsInOrder) {
                                                "timer 5ms", "readable", "timer 20ms"}));
 }
 
-// Writing is the preferences' (their durability test kills a writer at any
-// instant); copying and moving never overwrite.
+// Writing is the preferences' (e2e.kill kills the daemon at any instant,
+// e2e.faults fills its disk); copying and moving never overwrite.
 TEST(PosixFileOperations, CopyAndMoveNeverOverwrite) {
     testing::TempDir dir;
     linux_backend::PosixFileOperations files;

@@ -4,14 +4,13 @@
 
 #include "plist/codec.h"
 #include "support/handmade_plist.h"
-#include "support/python.h"
+#include "support/process.h"
 
 namespace tessary::plist {
 namespace {
 
 using testing::HandMadeList;
 using testing::readFile;
-using testing::runPython;
 using testing::TempDir;
 
 std::string text(const Bytes& b) {
@@ -51,7 +50,9 @@ for name in ("out.xml", "out.bin"):
     for (auto pos = script.find("DIR"); pos != std::string::npos; pos = script.find("DIR", pos)) {
         script.replace(pos, 3, dir.path());
     }
-    ASSERT_TRUE(runPython(script).ok);
+    testing::writeFile(dir / "check.py", script);
+    const std::vector<std::string> python = {"/usr/bin/python3", dir / "check.py"};
+    ASSERT_EQ(testing::runProcess(python).exitCode, 0);
 
     auto fromXml = decodeText(readFile(dir / "in.xml"));
     auto fromBin = decodeText(readFile(dir / "in.bin"));
@@ -72,8 +73,8 @@ for name in ("out.xml", "out.bin"):
         testing::writeFile(dir / (f == Format::Xml ? "out.xml" : "out.bin"),
                            text(encode(fromBin.value(), f).value()));
     }
-    auto check = runPython(script);
-    EXPECT_TRUE(check.ok) << check.output;
+    const auto check = testing::runProcess(python);
+    EXPECT_EQ(check.exitCode, 0) << check.output;
 }
 
 // Preferences are rewritten only when they differ: equality must see every

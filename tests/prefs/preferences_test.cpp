@@ -10,6 +10,7 @@
 #include "doubles/recording_system_log.h"
 #include "plist/codec.h"
 #include "support/temp_dir.h"
+#include "support/value_printer.h"
 
 namespace tessary {
 namespace {
@@ -18,10 +19,7 @@ using plist::Array;
 using plist::Dictionary;
 using plist::Value;
 using testing::FaultyFileOperations;
-
-Value strings(const std::vector<std::string>& labels) {
-    return Value(plist::stringArray(labels));
-}
+using testing::strings;
 
 class PreferencesTest : public ::testing::Test {
   protected:

@@ -3,9 +3,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
+#include <thread>
 
 #include "daemon/supervisor.h"
+#include "support/process.h"
 #include "support/test_platform.h"
 
 namespace tessary {
@@ -15,9 +18,13 @@ using plist::Array;
 using plist::Dictionary;
 using plist::Value;
 using testing::definition;
+using testing::strings;
 
+// The supervisor and its services on the doubles.
 class SupervisionTest : public ::testing::Test {
   protected:
+    ServicePtr make(const Value& d) { return TYSupervisedService::make(supervisor, d); }
+    JobPtr jobOf(const ServicePtr& s) { return s->jobs().front(); }
     std::vector<std::string> labels() {
         std::vector<std::string> out;
         for (const auto& s : *supervisor.services()) {
@@ -33,6 +40,236 @@ class SupervisionTest : public ::testing::Test {
     TYSupervisor supervisor{t.platform};
     TYSupervisorPreferences& prefs = supervisor.preferences();
 };
+
+TEST_F(SupervisionTest, SubmittedDictionaryIsStrippedOverriddenAndPrefixed) {
+    prefs.setProgramArgumentsForServiceJob(strings({"/bin/echo", "override"}), "a", "a");
+    prefs.setStartCalendarIntervalsForServiceJob(Value(Dictionary{{"Hour", Value::integer(3)}}),
+                                                 "a", "a");
+    const Value d =
+        definition("a", {{"Disabled", Value::boolean(true)},
+                         {"Transient", Value::boolean(true)},
+                         {"PreventsSleep", Value::integer(1)},
+                         {"UnloadOnSleep", Value::boolean(false)},
+                         {"KeepAlive", Value::boolean(true)},
+                         {"EnvironmentVariables",
+                          Value(Dictionary{{"TESSARY_INSTALL_PATH_PREFIX", Value("/elsewhere")},
+                                           {"OTHER", Value("kept")}})}});
+    ServicePtr s = make(d);
+    JobPtr job = jobOf(s);
+    EXPECT_TRUE(job->transient());
+    EXPECT_TRUE(job->preventsSleep());
+    EXPECT_FALSE(job->unloadOnSleep());
+    EXPECT_EQ(s->dictionary(), d);  // the service keeps its definition whole
+
+    job->submit();
+    const Value submitted = t.serviceManager.jobFor("a").value();
+    for (const char* gone : {"Disabled", "Transient", "PreventsSleep", "UnloadOnSleep"}) {
+        EXPECT_EQ(submitted.find(gone), nullptr) << gone;
+    }
+    EXPECT_EQ(*submitted.find("ProgramArguments"), strings({"/bin/echo", "override"}));
+    EXPECT_EQ(*submitted.find("StartCalendarInterval"),
+              Value(Dictionary{{"Hour", Value::integer(3)}}));
+    EXPECT_EQ(*submitted.find("KeepAlive"), Value::boolean(true));
+    EXPECT_EQ(*submitted.find("EnvironmentVariables"),
+              Value(Dictionary{{"TESSARY_INSTALL_PATH_PREFIX",
+                                Value("/Applications/Tessary.app/Contents/TessaryRoot")},
+                               {"OTHER", Value("kept")}}));
+    EXPECT_EQ(t.log.entries().front().level, LogLevel::Debug);
+    EXPECT_EQ(t.log.lines(), (std::vector<std::string>{"SUBMIT: a"}));
+}
+
+// Overrides reaching a loaded job are the end-to-end tests'; these are the
+// values a job derives.
+TEST_F(SupervisionTest, ProgramAloneAndEmptyCalendarsLeaveNoKey) {
+    ServicePtr programService =
+        make(Value(Dictionary{{"Label", Value("p")}, {"Program", Value("/bin/true")}}));
+    EXPECT_EQ(jobOf(programService)->programArguments().value(), strings({"/bin/true"}));
+    EXPECT_EQ(jobOf(programService)->dictionary().find("ProgramArguments"), nullptr);
+
+    const Value hour(Dictionary{{"Hour", Value::integer(1)}});
+    ServicePtr service = make(definition("c", {{"StartCalendarInterval", hour}}));
+    JobPtr job = jobOf(service);
+    EXPECT_EQ(job->startCalendarIntervals(), Value(Array{hour}));
+    job->setStartCalendarIntervals(Value(Array{}));
+    EXPECT_EQ(job->dictionary().find("StartCalendarInterval"), nullptr);
+    EXPECT_EQ(prefs.startCalendarIntervalsForServiceJob("c", "c").value(), Value(Array{}));
+}
+
+TEST_F(SupervisionTest, PlaceholderJobsNeverReachTheServiceManager) {
+    ServicePtr s = make(Value(Dictionary{{"Label", Value("ph")}}));
+    JobPtr job = jobOf(s);
+    EXPECT_FALSE(job->programArguments());
+    EXPECT_EQ(job->loaded(), Answer::Yes);
+    job->submit();
+    job->remove();
+    EXPECT_EQ(t.serviceManager.asked().loadedQueries + t.serviceManager.asked().submitCalls +
+                  t.serviceManager.asked().removeCalls,
+              0);
+    EXPECT_TRUE(t.log.empty());
+    s->setOn(true);
+    EXPECT_TRUE(s->started());
+    EXPECT_FALSE(s->startable());
+}
+
+TEST_F(SupervisionTest, FailuresAreOneLineEach) {
+    ServicePtr service = make(definition("f"));
+    JobPtr job = jobOf(service);
+    t.serviceManager.failSubmit("f", "Unit f.service has a bad setting");
+    job->submit();
+    job->remove();
+    EXPECT_EQ(t.log.lines(), (std::vector<std::string>{
+                                 "SUBMIT: f", "ERROR: LodgeJob: Unit f.service has a bad setting",
+                                 "REMOVE: f", "ERROR: WithdrawJob: No such job: f"}));
+    EXPECT_EQ(t.log.entries()[1].level, LogLevel::Error);
+    EXPECT_TRUE(t.serviceManager.asked().lastRemoveWaited);
+}
+
+TEST_F(SupervisionTest, SharedAuthorizationIsMadeOnceAcrossThreadsAndRetriedAfterFailure) {
+    t.authorization.setFailCreate(true);
+    ServicePtr service = make(definition("x"));
+    JobPtr job = jobOf(service);
+    job->submit();
+    EXPECT_EQ(t.authorization.createCalls(), 1);
+    t.authorization.setFailCreate(false);
+
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 16; ++i) {
+        threads.emplace_back([&] { job->remove(); });
+    }
+    threads.clear();
+    EXPECT_EQ(t.authorization.createCalls(), 2);
+}
+
+// How often each predicate asks the service manager is part of its design:
+// `startable` asks `loaded` only when the service is on, `stopable` never
+// asks, and `stale` asks only of transient jobs.
+TEST_F(SupervisionTest, PredicatesAndTheQuestionsTheyAsk) {
+    auto questions = [this] {
+        const int n = t.serviceManager.asked().loadedQueries;
+        t.serviceManager.resetCounters();
+        return n;
+    };
+    ServicePtr s = make(definition("q"));
+    EXPECT_TRUE(s->stopable());  // new: loadable, off, not needed
+    EXPECT_FALSE(s->startable());
+    EXPECT_EQ(s->stale(), Answer::No);
+    EXPECT_EQ(questions(), 0);
+    s->setOn(true);
+    EXPECT_TRUE(s->startable());
+    EXPECT_EQ(questions(), 1);
+    EXPECT_FALSE(s->stopable());
+    EXPECT_EQ(questions(), 0);
+    t.serviceManager.load("q");
+    EXPECT_FALSE(s->startable());
+    EXPECT_TRUE(s->started());
+
+    ServicePtr transient = make(definition("tr", {{"Transient", Value::boolean(true)}}));
+    questions();
+    EXPECT_EQ(transient->stale(), Answer::Yes);
+    EXPECT_EQ(questions(), 1);
+    t.serviceManager.load("tr");
+    EXPECT_EQ(transient->stale(), Answer::No);
+
+    // Without an answer a service is neither started nor stopped, nor stale.
+    t.serviceManager.leaveUnanswered("tr");
+    transient->setOn(true);
+    EXPECT_FALSE(transient->startable());
+    EXPECT_FALSE(transient->started());
+    EXPECT_EQ(transient->stale(), Answer::Unknown);
+    transient->stop();
+    EXPECT_EQ(t.serviceManager.asked().removeCalls, 0);
+}
+
+// No definition fills a component list, but the nesting rules hold for
+// whatever does: `needed` does not look at the service it is asked about,
+// the deeper search asks each component whether it lists itself, and `start`
+// starts the components where `stop` leaves them alone.
+TEST_F(SupervisionTest, ComponentRules) {
+    ServicePtr inner = make(definition("inner"));
+    ServicePtr middle = TYSupervisedService::make(supervisor, definition("middle"), {inner});
+    ServicePtr outer = TYSupervisedService::make(supervisor, definition("outer"), {middle});
+    supervisor.setServices(
+        std::make_shared<std::vector<ServicePtr>>(std::vector<ServicePtr>{inner, middle, outer}));
+    EXPECT_TRUE(outer->hasComponentService(*middle));
+    EXPECT_FALSE(outer->hasComponentService(*inner));
+    EXPECT_FALSE(outer->hasComponentService(*outer));
+
+    outer->setOn(true);
+    EXPECT_FALSE(middle->needed());
+    EXPECT_TRUE(middle->stopable());  // off, and not needed by the switched-on outer
+
+    outer->start();
+    EXPECT_EQ(t.serviceManager.asked().submitted,
+              (std::vector<std::string>{"inner", "middle", "outer"}));
+    EXPECT_EQ(outer->loaded(), Answer::Yes);
+    t.serviceManager.resetCounters();
+    outer->stop();
+    EXPECT_EQ(t.serviceManager.asked().removed, std::vector<std::string>{"outer"});
+    EXPECT_EQ(t.serviceManager.loadedLabels(), (std::set<std::string>{"inner", "middle"}));
+    EXPECT_EQ(outer->loaded(), Answer::No);
+    EXPECT_EQ(middle->loaded(), Answer::Yes);
+
+    // A component that may not load holds back the service that lists it,
+    // which `stopable` asks before it looks at the switch.
+    ServicePtr sleepy = make(definition("sleepy", {{"UnloadOnSleep", Value::boolean(true)}}));
+    ServicePtr holder = TYSupervisedService::make(supervisor, definition("holder"), {sleepy});
+    holder->setOn(true);
+    supervisor.setDrowsy(true);
+    EXPECT_FALSE(holder->loadable());
+    EXPECT_TRUE(holder->stopable());
+}
+
+TEST_F(SupervisionTest, SleepFlagsAndTheServicesOwnAssertion) {
+    ServicePtr sleepy = make(definition("s", {{"UnloadOnSleep", Value::boolean(true)}}));
+    sleepy->setOn(true);
+    EXPECT_TRUE(sleepy->startable());
+    supervisor.setDrowsy(true);
+    EXPECT_FALSE(sleepy->startable());
+    EXPECT_TRUE(sleepy->stopable());  // even though it is on
+    supervisor.setDrowsy(false);
+
+    ServicePtr awake = make(definition("w", {{"PreventsSleep", Value::boolean(true)}}));
+    awake->setOn(true);
+    awake->setOn(true);
+    ASSERT_EQ(t.powerAssertions.held.size(), 1U);
+    EXPECT_EQ(*t.powerAssertions.held.begin()->second.stringAt("AssertName"), "w");
+    // Once the administrator turns sleep prevention off, the next switch-on
+    // releases the assertion although the service stays on.
+    prefs.writePreferences({{"disablePreventsSleep", Value::boolean(true)}});
+    EXPECT_FALSE(awake->preventsSleep());
+    awake->setOn(true);
+    EXPECT_TRUE(t.powerAssertions.held.empty());
+    EXPECT_EQ(awake->denySleepAssertion(), 0U);
+    EXPECT_TRUE(awake->on());
+
+    const auto releasesBefore = t.powerAssertions.released.size();
+    make(definition("plain"))->setOn(false);
+    EXPECT_EQ(t.powerAssertions.released.size(), releasesBefore);
+}
+
+TEST_F(SupervisionTest, StopMigrateAndResetOfAStartedService) {
+    ServicePtr s = make(definition("r"));
+    s->stop();  // nothing loaded: no removal
+    EXPECT_EQ(t.serviceManager.asked().removeCalls, 0);
+    s->migrate();  // removes without asking
+    EXPECT_EQ(t.serviceManager.asked().removeCalls, 1);
+
+    // Stopped, rebuilt without its overrides, and submitted again.
+    prefs.setServiceEnabled("r", true);
+    s->setOn(true);
+    jobOf(s)->setProgramArguments(strings({"/bin/echo", "custom"}));
+    s->start();
+    const JobPtr old = jobOf(s);
+    t.serviceManager.resetCounters();
+    s->reset();
+    // Whether it is started, whether its job is loaded before the removal,
+    // and whether it is startable once rebuilt.
+    EXPECT_EQ(t.serviceManager.asked().loadedQueries, 3);
+    EXPECT_NE(jobOf(s), old);
+    EXPECT_FALSE(prefs.programArgumentsForServiceJob("r", "r"));
+    EXPECT_EQ(*t.serviceManager.jobFor("r")->find("ProgramArguments"),
+              strings({"/bin/sleep", "1000"}));
+}
 
 TEST_F(SupervisionTest, LoadingReportsEveryRejectedDefinition) {
     t.addDefinition("one.plist", definition("com.example.dup", {{"n", Value::integer(1)}}));
@@ -51,28 +288,26 @@ TEST_F(SupervisionTest, LoadingReportsEveryRejectedDefinition) {
 
     supervisor.loadServices();
 
-    // The listing order decides which duplicate wins.
+    // Of two definitions of one label, the one listed first wins.
     const auto names = t.files.listDirectory(t.paths.builtInDefinitions()).value();
-    const auto first = std::find_if(names.begin(), names.end(), [](const auto& n) {
-        return n == "one.plist" || n == "two.plist";
-    });
-    const std::string loser = *first == "one.plist" ? "two.plist" : "one.plist";
-    std::vector<std::string> expected;
-    for (const auto& n : names) {
-        if (n == loser || n == "ok.plist.bak" || n == ".plist" || n == "nolabel.plist" ||
-            n == "garbage.plist" || n == "array.plist" || n == "others.plist") {
-            expected.push_back("Error loading dictionary at path: " + builtIn(n));
-        }
+    const bool oneFirst =
+        std::ranges::find(names, "one.plist") < std::ranges::find(names, "two.plist");
+    std::vector<std::string> expected, lines = t.log.lines();
+    for (const char* n : {oneFirst ? "two.plist" : "one.plist", "ok.plist.bak", ".plist",
+                          "nolabel.plist", "garbage.plist", "array.plist", "others.plist"}) {
+        expected.push_back("Error loading dictionary at path: " + builtIn(n));
     }
-    EXPECT_EQ(t.log.lines(), expected);
+    std::ranges::sort(expected);
+    std::ranges::sort(lines);
+    EXPECT_EQ(lines, expected);
 
     std::vector<std::string> got = labels();
-    std::sort(got.begin(), got.end());
+    std::ranges::sort(got);
     EXPECT_EQ(got, (std::vector<std::string>{"com.example.dup", "com.example.ok"}));
     EXPECT_TRUE(supervisor.serviceWithLabel("com.example.ok")->on());
     EXPECT_FALSE(supervisor.serviceWithLabel("com.example.dup")->on());
     EXPECT_EQ(*supervisor.serviceWithLabel("com.example.dup")->dictionary().find("n"),
-              Value::integer(*first == "one.plist" ? 1 : 2));
+              Value::integer(oneFirst ? 1 : 2));
     EXPECT_EQ(t.serviceManager.asked().submitCalls, 0);  // loading starts nothing
 
     // Nor is any from a directory that its group may write.
@@ -85,20 +320,17 @@ TEST_F(SupervisionTest, LoadingReportsEveryRejectedDefinition) {
 
 TEST_F(SupervisionTest, DynamicServicesShareTheLabelsAndStaleOnesVanish) {
     t.addDefinition("builtin.plist", definition("shared"));
-    prefs.addDynamicServiceWithDictionary(
-        definition("shared", {{"dynamic", Value::boolean(true)}}));
-    prefs.addDynamicServiceWithDictionary(definition("dyn"));
-    prefs.addDynamicServiceWithDictionary(definition("dyn"));
-    prefs.addDynamicServiceWithDictionary(Value(Dictionary{{"Program", Value("/bin/true")}}));
-    prefs.addDynamicServiceWithDictionary(
-        definition("stale", {{"Transient", Value::boolean(true)}}));
-    prefs.addDynamicServiceWithDictionary(
-        definition("alive", {{"Transient", Value::boolean(true)}}));
-    prefs.addDynamicServiceWithDictionary(
-        definition("unanswered", {{"Transient", Value::boolean(true)}}));
-    prefs.setServiceEnabled("stale", true);
-    prefs.setServiceEnabled("dyn", true);
-    prefs.setServiceEnabled("unanswered", true);
+    const Dictionary transient{{"Transient", Value::boolean(true)}};
+    for (const Value& d :
+         {definition("shared", {{"dynamic", Value::boolean(true)}}), definition("dyn"),
+          definition("dyn"), Value(Dictionary{{"Program", Value("/bin/true")}}),
+          definition("stale", transient), definition("alive", transient),
+          definition("unanswered", transient)}) {
+        prefs.addDynamicServiceWithDictionary(d);
+    }
+    for (const char* on : {"stale", "dyn", "unanswered"}) {
+        prefs.setServiceEnabled(on, true);
+    }
     t.serviceManager.load("alive");
     t.serviceManager.leaveUnanswered("unanswered");
 
@@ -130,17 +362,16 @@ TEST_F(SupervisionTest, DynamicServicesShareTheLabelsAndStaleOnesVanish) {
 
 // Each row of the decision table, and the drowsy rows, in one pass.
 TEST_F(SupervisionTest, SyncStopsAndStartsByThePredicates) {
-    t.addDefinition("a.plist", definition("off-loaded"));
-    t.addDefinition("b.plist", definition("on-unloaded"));
-    t.addDefinition("c.plist", definition("on-loaded"));
-    t.addDefinition("d.plist", definition("off-unloaded"));
+    for (const char* label : {"off-loaded", "on-unloaded", "on-loaded", "off-unloaded"}) {
+        t.addDefinition(std::string(label) + ".plist", definition(label));
+    }
     t.addDefinition("e.plist", definition("sleeper", {{"UnloadOnSleep", Value::boolean(true)}}));
     for (const char* on : {"on-unloaded", "on-loaded", "sleeper"}) {
         prefs.setServiceEnabled(on, true);
     }
-    t.serviceManager.load("off-loaded");
-    t.serviceManager.load("on-loaded");
-    t.serviceManager.load("sleeper");
+    for (const char* loaded : {"off-loaded", "on-loaded", "sleeper"}) {
+        t.serviceManager.load(loaded);
+    }
     supervisor.loadServices();
 
     supervisor.syncServices();
@@ -238,8 +469,7 @@ TEST_F(StopAllSupervisionTest, WithoutThreadsEveryServiceStopsHere) {
     const pid_t child = ::fork();
     if (child == 0) {
         const rlimit none{0, 0};
-        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0 ||
-            ::setrlimit(RLIMIT_NPROC, &none) != 0) {
+        if (!testing::becomeNobody() || ::setrlimit(RLIMIT_NPROC, &none) != 0) {
             ::_exit(90);
         }
         supervisor.stopAllServices();

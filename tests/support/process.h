@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +17,16 @@
 #include "support/temp_dir.h"
 
 namespace tessary::testing {
+
+// The user without rights the tests become: "nobody", uid and gid 65534.
+inline constexpr uid_t kNobody = 65534;
+
+// Becomes nobody for good, groups and all; false when that is not allowed.
+inline bool becomeNobody() {
+    const gid_t gid = kNobody;
+    return ::setgroups(1, &gid) == 0 && ::setresgid(gid, gid, gid) == 0 &&
+           ::setresuid(kNobody, kNobody, kNobody) == 0;
+}
 
 // Starts `argv` with its standard output and error appended to `output`.
 // `prepare` runs in the child before the exec (to change user, or mounts);

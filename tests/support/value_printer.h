@@ -1,6 +1,8 @@
 #pragma once
 
 #include <ostream>
+#include <string>
+#include <vector>
 
 #include "plist/value.h"
 
@@ -12,3 +14,12 @@ inline void PrintTo(const Value& v, std::ostream* os) {
 }
 
 }  // namespace tessary::plist
+
+namespace tessary::testing {
+
+// An array of strings, as job arguments and label lists are written.
+inline plist::Value strings(const std::vector<std::string>& s) {
+    return plist::Value(plist::stringArray(s));
+}
+
+}  // namespace tessary::testing

@@ -4,6 +4,7 @@
 
 #include <functional>
 
+#include "support/value_printer.h"
 #include "systemd/unit_text.h"
 
 namespace tessary::linux_backend {
@@ -12,12 +13,10 @@ namespace {
 using plist::Array;
 using plist::Dictionary;
 using plist::Value;
+using testing::strings;
 using testing::UnitText;
 using Strings = std::vector<std::string>;
 
-Value strings(const Strings& s) {
-    return Value(plist::stringArray(s));
-}
 const Value kTrue = strings({"/bin/true"});
 
 // The manager's default limits, and a services database of one name.
@@ -319,11 +318,20 @@ TEST(UnitTranslation, JobKeysBecomeTheirDirectives) {
          "bin"},
         // A job that sets its own PATH searches only that.
         {{{"EnvironmentVariables", dict({{"PATH", Value("/mine")}})}}, "Service.ExecSearchPath=-"},
+        // A job of /bin/sh runs under bash, which keeps shopt and nullglob in
+        // its POSIX mode (the uninstall clean-up job needs them), with the
+        // job's arguments untouched; no other program does.
+        {{{"ProgramArguments", strings({"/bin/sh", "-c", "shopt -s nullglob"})}},
+         R"(Service.ExecStart=@"/bin/bash" "/bin/sh" "-c" "shopt -s nullglob")"},
+        {{{"Program", Value("/bin/sh")}, {"ProgramArguments", strings({"cleanup", "-c", "x"})}},
+         R"(Service.ExecStart=@"/bin/bash" "cleanup" "-c" "x")"},
+        {{{"ProgramArguments", strings({"/bin/sh2", "-c", "x"})}},
+         R"(Service.ExecStart=@"/bin/sh2" "/bin/sh2" "-c" "x")"},
     };
     TranslationOptions helper = kOptions;
     helper.helperBinDirectory = "/opt/t";
     for (auto [job, directive] : cases) {
-        job["ProgramArguments"] = kTrue;
+        job.emplace("ProgramArguments", kTrue);
         const std::string key = directive.substr(0, directive.find('='));
         EXPECT_EQ(key + "=" + service(translate(job, helper)).one(key).value_or("-"), directive);
     }

@@ -1,7 +1,5 @@
 #include "platform/linux/fs/inotify_file_events.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -9,7 +7,6 @@
 #include <vector>
 
 #include "backends/event_loop.h"
-#include "base/unique_fd.h"
 #include "platform/linux/event/sd_event_queue.h"
 #include "support/temp_dir.h"
 
@@ -66,20 +63,6 @@ TEST_F(InotifyFileEventsTest, RemovalIsHeldUntilResumeThenOneDeleteEvent) {
     // children's deletions are neither.
     turn(3, 200ms);
     EXPECT_EQ(seen, (Events{kFileEventDelete, kFileEventDelete}));
-}
-
-// A directory something still refers to (a process running a program from
-// inside it, here an open descriptor) gets no IN_DELETE_SELF until the last
-// reference goes; its entry's deletion is reported at once all the same.
-TEST_F(InotifyFileEventsTest, RemovalOfADirectoryStillInUseIsReportedAtOnce) {
-    auto source = watch();
-    ASSERT_NE(source, nullptr);
-    source->resume();
-    UniqueFd held(::open(bundle.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    ASSERT_TRUE(held);
-    fs::remove_all(bundle);
-    turn(1);
-    EXPECT_EQ(seen, Events{kFileEventDelete});
 }
 
 TEST_F(InotifyFileEventsTest, MoveIsARenameAndTheWatchFollowsTheDirectory) {

@@ -5,4 +5,4 @@ add_library(tessary_desktop STATIC
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/desktop/console_user.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/desktop/desktop_notices.cpp
   ${CMAKE_CURRENT_SOURCE_DIR}/platform/linux/desktop/session_applications.cpp)
-target_link_libraries(tessary_desktop PUBLIC tessary_platform_linux PkgConfig::LIBSYSTEMD)
+target_link_libraries(tessary_desktop PUBLIC tessary_logind PkgConfig::LIBSYSTEMD)
