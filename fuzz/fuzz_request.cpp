@@ -1,9 +1,10 @@
 // One datagram, as the request socket would hand it over, through unpacking
 // and dispatch into a supervisor on the role doubles. The only way out is a
-// reply or none; arguments whose top level is not a dictionary end the
-// process by design, and that one path is let through here.
+// reply or none; a demotion's self-removal, which ends the process, is the
+// one other path let through here.
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 #include "daemon/supervisor.h"
 #include "plist/codec.h"
