@@ -115,6 +115,18 @@ TEST_F(PreferencesTest, DynamicServicesAndOverrides) {
     prefs.removeDynamicService("a");
     EXPECT_EQ(prefs.dynamicServices().value(), Value(Array{b}));
 
+    // The store's own write is not decoded again: what it holds must be what
+    // a fresh reading of the same file gives, for the values that could drift.
+    const Value drift(Dictionary{{"Label", Value("c\r\n ")},
+                                 {"r", Value::real(0.1 + 0.2)},
+                                 {"u", Value::unsignedInteger(18446744073709551615U)},
+                                 {"i", Value::integer(-1)},
+                                 {"d", Value::date(plist::Date{-63113904000})},
+                                 {"x", Value::data({0, 255})}});
+    prefs.addDynamicServiceWithDictionary(drift);
+    EXPECT_EQ(prefs.dynamicServices().value(),
+              TYSupervisorPreferences(paths, files, log).dynamicServices().value());
+
     const Value args = strings({"/bin/echo", "hi"});
     prefs.setProgramArgumentsForServiceJob(args, "svc", "job");
     EXPECT_EQ(prefs.programArgumentsForServiceJob("svc", "job").value(), args);
