@@ -6,6 +6,10 @@
 //   tessary_daemon_probe load N
 //       sends N requests on one connection, every fifth a "list" and the
 //       rest "status"; exits non-zero if any fails.
+//   tessary_daemon_probe time NAME CMD [ARG...] [-- CMD [ARG...]]...
+//       runs each command in turn, its output dropped, and prints "NAME_us N":
+//       the time of the whole sequence; exits non-zero if any command fails.
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -15,6 +19,7 @@
 #include <cstdlib>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "client/tessary_client.h"
 
@@ -88,6 +93,43 @@ int load(long count) {
     return 0;
 }
 
+// One command, its output to /dev/null; true when it exits with 0.
+bool run(std::vector<char*> argv) {
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    pid_t pid = 0;
+    const int r = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    int status = 0;
+    return r == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
+}
+
+int timeCommands(const char* name, int argc, char** argv) {
+    std::vector<std::vector<char*>> commands(1);
+    for (int i = 0; i < argc; ++i) {
+        if (std::string(argv[i]) == "--") {
+            commands.emplace_back();
+        } else {
+            commands.back().push_back(argv[i]);
+        }
+    }
+    const auto start = Clock::now();
+    for (const auto& command : commands) {
+        if (command.empty() || !run(command)) {
+            std::fprintf(stderr, "time: %s failed\n", command.empty() ? "(none)" : command[0]);
+            return 1;
+        }
+    }
+    const auto took = Clock::now() - start;
+    std::printf("%s_us %lld\n", name,
+                static_cast<long long>(
+                    std::chrono::duration_cast<std::chrono::microseconds>(took).count()));
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -98,6 +140,10 @@ int main(int argc, char** argv) {
     if (mode == "load") {
         return load(std::atol(argv[2]));
     }
-    std::fprintf(stderr, "usage: %s startup DAEMON | load N\n", argv[0]);
+    if (mode == "time" && argc > 3) {
+        return timeCommands(argv[2], argc - 3, argv + 3);
+    }
+    std::fprintf(stderr, "usage: %s startup DAEMON | load N | time NAME CMD... [-- CMD...]\n",
+                 argv[0]);
     return 64;
 }

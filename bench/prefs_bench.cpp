@@ -1,7 +1,8 @@
 // One read-modify-write of a preferences file holding 100 enabled labels,
 // against a bare read and a read-and-parse of the same file, measured in the
-// same run. The write includes both fsyncs, so the figure depends on the disk
-// under TMPDIR.
+// same run; and the same switch and a read once the file also holds 1,000
+// definitions of services created at run time. The write includes both
+// fsyncs, so the figure depends on the disk under TMPDIR.
 #include <benchmark/benchmark.h>
 
 #include <filesystem>
@@ -15,14 +16,22 @@ namespace tessary {
 namespace {
 
 struct PrefsFixture {
-    PrefsFixture() : paths(root.path()), prefs(paths, files, log) {
+    explicit PrefsFixture(int definitions = 0) : paths(root.path()), prefs(paths, files, log) {
         std::filesystem::create_directories(paths.setupDirectory());
         plist::Array labels;
         for (int i = 0; i < 100; ++i) {
             labels.emplace_back("com.orvane.service." + std::to_string(i));
         }
-        (void)prefs.writePreferences(
-            {{"enabledServices", plist::Value(labels)}, {"version", plist::Value("5.11.1")}});
+        plist::Array dynamic;
+        for (int i = 0; i < definitions; ++i) {
+            dynamic.emplace_back(plist::Dictionary{
+                {"Label", plist::Value("com.orvane.created." + std::to_string(i))},
+                {"ProgramArguments", plist::Value(plist::stringArray({"/bin/sleep", "1000"}))},
+                {"RunAtLoad", plist::Value::boolean(true)}});
+        }
+        (void)prefs.writePreferences({{"enabledServices", plist::Value(labels)},
+                                      {"dynamicServices", plist::Value(dynamic)},
+                                      {"version", plist::Value("5.11.1")}});
     }
     testing::TempDir root;
     Paths paths;
@@ -32,7 +41,7 @@ struct PrefsFixture {
 };
 
 void BM_ReadModifyWrite(benchmark::State& state) {
-    PrefsFixture f;
+    PrefsFixture f(static_cast<int>(state.range(0)));
     bool on = false;
     for (auto _ : state) {
         on = !on;
@@ -40,6 +49,9 @@ void BM_ReadModifyWrite(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_ReadModifyWrite)
+    ->ArgName("definitions")
+    ->Arg(0)
+    ->Arg(1000)
     ->Unit(benchmark::kMicrosecond)
     ->Repetitions(5)
     ->ReportAggregatesOnly();
@@ -53,12 +65,18 @@ void BM_BareRead(benchmark::State& state) {
 BENCHMARK(BM_BareRead)->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAggregatesOnly();
 
 void BM_ReadAndParse(benchmark::State& state) {
-    PrefsFixture f;
+    PrefsFixture f(static_cast<int>(state.range(0)));
     for (auto _ : state) {
         benchmark::DoNotOptimize(f.prefs.serviceIsEnabled("com.orvane.service.99"));
     }
 }
-BENCHMARK(BM_ReadAndParse)->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAggregatesOnly();
+BENCHMARK(BM_ReadAndParse)
+    ->ArgName("definitions")
+    ->Arg(0)
+    ->Arg(1000)
+    ->Unit(benchmark::kMicrosecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly();
 
 }  // namespace
 }  // namespace tessary

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds what the benchmarks need in the release tree, runs every benchmark
 # in one go and prints the speed and memory table: each figure next to its
-# baseline measured in the same run. As root (the sandboxes need mount and
+# baseline measured in the same run, and how each figure grows from 10 to
+# 1,000 services. As root (the sandboxes need mount and
 # PID namespaces), after scripts/install-deps.sh:
 #   bash bench/run-all.sh [build/release]
 # The raw results stay in the directory named on the last line.
@@ -21,8 +22,8 @@ echo "== the supervisor on the service-manager double"
 
 echo "== the backend and the supervisor on a real systemd"
 # shellcheck disable=SC2046
-bash "$here/tests/systemd/with-systemd.sh" "$build/bench/tessary_systemd_bench" \
-    $(json systemd.json)
+bash "$here/tests/systemd/with-systemd.sh" bash "$here/bench/machine-units.sh" \
+    "$build/bench/tessary_systemd_bench" $(json systemd.json)
 
 echo "== the daemon in the sandbox, unpinned"
 bash "$here/tests/systemd/with-systemd.sh" --private-run -- \
@@ -38,6 +39,12 @@ bash "$here/tests/systemd/with-systemd.sh" --private-run -- \
     bash "$here/tests/e2e/daemon-sandbox.sh" "$build/src/tessaryd" "$here/tests/e2e/app" \
     "$here/data/polkit/com.orvane.tessaryd.policy" -- \
     bash "$here/bench/switch-few.sh" "$build" >"$out/few/figures"
+
+echo "== growth: the daemon with 10, 100 and 1,000 services created at run time, pinned to CPU 0"
+for count in 10 100 1000; do
+    taskset -c 0 bash "$here/tests/systemd/with-systemd.sh" --private-run -- \
+        bash "$here/bench/growth-suite.sh" "$count" "$build" "$out/growth/$count"
+done
 
 echo
 python3 "$here/bench/table.py" "$out"

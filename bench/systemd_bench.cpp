@@ -3,10 +3,11 @@
 // the same manager in the same run. Each measured operation is one
 // repetition, so the "median" rows are medians of single operations.
 //
-// Then the supervisor on this backend: a synchronisation pass over 100
-// services that are all off (one is-loaded question each), next to the same
-// questions asked raw over sd-bus; and the stop of all of 20 running services
-// whose programs take a second to stop.
+// Then the supervisor on this backend, on a main loop as in the daemon: a
+// synchronisation pass over 100 services that are all off, next to the
+// is-loaded questions asked raw over sd-bus one by one; the pass and the stop
+// of all over 10, 100 and 1,000 services; and the stop of all of 20 running
+// services whose programs take a second to stop.
 //
 // Needs a private systemd at the fixed addresses; run it through the test
 // wrapper:
@@ -191,34 +192,85 @@ TESSARY_SINGLE_OPERATION(BM_SystemctlStop);
 TESSARY_SINGLE_OPERATION(BM_BackendIsLoaded);
 TESSARY_SINGLE_OPERATION(BM_SystemctlIsActive);
 
-// COUNT services of the supervisor on the real manager, every one switched
-// on or off as `on` says, loaded and synchronised once.
+// A main loop of its own for the backend, as the daemon has: each turn of it
+// is a new decision pass, which takes its picture of the manager's units
+// anew.
+struct MainLoop {
+    MainLoop() {
+        sd_event* raw = nullptr;
+        (void)sd_event_new(&raw);
+        event.reset(raw);
+    }
+    void turn() { (void)sd_event_run(event.get(), 0); }
+    linux_backend::SdEventPtr event;
+};
+
+// COUNT services of the supervisor on the real manager, every `onEvery`-th
+// switched on (none with 0), loaded and synchronised once.
 struct RealFleet {
-    RealFleet(int count, bool on, const plist::Dictionary& extra = {}) {
+    RealFleet(int count, int onEvery, const plist::Dictionary& extra = {}) {
+        plist::Array enabled;
         for (int i = 0; i < count; ++i) {
             labels.push_back("com.tessary.bench.fleet" + std::to_string(i));
             t.addDefinition(labels.back() + ".plist", testing::definition(labels.back(), extra));
-            supervisor.preferences().setServiceEnabled(labels.back(), on);
+            if (onEvery != 0 && i % onEvery == 0) {
+                enabled.emplace_back(labels.back());
+            }
         }
+        (void)supervisor.preferences().writePreferences(
+            {{"enabledServices", plist::Value(std::move(enabled))}});
         supervisor.loadServices();
         supervisor.syncServices();
     }
     NullLog log;
-    linux_backend::SystemdServiceManager manager{{}, log};
+    MainLoop loop;
+    linux_backend::SystemdServiceManager manager{options(loop.event.get()), log};
     testing::TestPlatform t{&manager};
     TYSupervisor supervisor{t.platform};
     std::vector<std::string> labels;
+
+    static linux_backend::SystemdServiceManagerOptions options(sd_event* event) {
+        linux_backend::SystemdServiceManagerOptions o;
+        o.event = event;
+        return o;
+    }
 };
 
-void BM_SyncHundredOffServices(benchmark::State& state) {
-    RealFleet fleet(100, false);
+// One decision pass per turn of the main loop, as a request makes one.
+void syncEachTurn(benchmark::State& state, RealFleet& fleet) {
     for (auto _ : state) {
+        state.PauseTiming();
+        fleet.loop.turn();
+        state.ResumeTiming();
         fleet.supervisor.syncServices();
     }
+}
+
+void BM_SyncHundredOffServices(benchmark::State& state) {
+    RealFleet fleet(100, 0);
+    syncEachTurn(state, fleet);
 }
 BENCHMARK(BM_SyncHundredOffServices)
     ->Unit(benchmark::kMillisecond)
     ->Repetitions(5)
+    ->ReportAggregatesOnly()
+    ->UseRealTime();
+
+// Services that run once loaded, as the daemon's growth suite creates them.
+const plist::Dictionary kRunAtLoad{{"RunAtLoad", plist::Value::boolean(true)}};
+
+// The pass over 10, 100 and 1,000 services, every tenth on (and running).
+void BM_SyncGrowth(benchmark::State& state) {
+    RealFleet fleet(static_cast<int>(state.range(0)), 10, kRunAtLoad);
+    syncEachTurn(state, fleet);
+}
+BENCHMARK(BM_SyncGrowth)
+    ->ArgName("services")
+    ->Arg(10)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(9)
     ->ReportAggregatesOnly()
     ->UseRealTime();
 
@@ -287,7 +339,7 @@ void BM_StopAllTwentySlowServices(benchmark::State& state) {
              {"/bin/sh", "-c", "trap '/bin/sleep 1; exit 0' TERM; /bin/sleep 1000 & wait"}))}};
     for (auto _ : state) {
         state.PauseTiming();
-        auto fleet = std::make_unique<RealFleet>(20, true, slowStop);
+        auto fleet = std::make_unique<RealFleet>(20, 1, slowStop);
         // Time for every shell to have set its trap.
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         state.ResumeTiming();
@@ -303,6 +355,37 @@ void BM_StopAllTwentySlowServices(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_StopAllTwentySlowServices)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1)
+    ->Repetitions(3)
+    ->ReportAggregatesOnly()
+    ->UseRealTime();
+
+// The stop of all of 10, 100 and 1,000 services, every tenth on and running
+// a program that stops at once.
+void BM_StopAllGrowth(benchmark::State& state) {
+    for (auto _ : state) {
+        state.PauseTiming();
+        auto fleet = std::make_unique<RealFleet>(static_cast<int>(state.range(0)), 10, kRunAtLoad);
+        fleet->loop.turn();
+        state.ResumeTiming();
+        fleet->supervisor.stopAllServices();
+        state.PauseTiming();
+        fleet->loop.turn();
+        for (std::size_t i = 0; i < fleet->labels.size(); i += 10) {
+            if (fleet->manager.jobIsEnabled(fleet->labels[i]) != Answer::No) {
+                state.SkipWithError("a service is still loaded");
+            }
+        }
+        fleet.reset();
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(BM_StopAllGrowth)
+    ->ArgName("services")
+    ->Arg(10)
+    ->Arg(100)
+    ->Arg(1000)
     ->Unit(benchmark::kMillisecond)
     ->Iterations(1)
     ->Repetitions(3)

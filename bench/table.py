@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Prints the speed and memory table from the files bench/run-all.sh leaves
-in OUT: doubles.json and systemd.json (Google Benchmark), and per sandbox
-pass (unpinned, pinned) daemon.json and figures ("name value" lines)."""
+in OUT: doubles.json and systemd.json (Google Benchmark), per sandbox pass
+(unpinned, pinned) daemon.json and figures ("name value" lines), and the
+growth table from growth/COUNT/figures and systemd.json."""
 import json
 import os
 import re
@@ -30,6 +31,15 @@ def median_us(runs, name):
                 if r.get("error_occurred"):
                     return None
                 return r["real_time"] * UNIT_US[r["time_unit"]]
+    return None
+
+
+def cv_percent(runs, name):
+    """The coefficient of variation (%) of the run called `name`, or None."""
+    for r in runs:
+        run = re.sub(r"/repeats:\d+", "", r.get("run_name", ""))
+        if run == name and r.get("aggregate_name") == "cv":
+            return 100 * r["real_time"]
     return None
 
 
@@ -124,7 +134,100 @@ if f.get("rss_10k_kb") and f.get("rss_100k_kb"):
                  f"{after10k:.0f} -> {after100k:.0f} kB", f"growth {growth:+.0f} kB", "", "0",
                  "met" if growth <= 0 else "MISSED"))
 
-header = ("figure", "mode", "median", "baseline", "ratio", "target", "")
-widths = [max(len(str(r[i])) for r in rows + [header]) for i in range(len(header))]
-for r in [header] + rows:
-    print("  ".join(str(c).ljust(w) for c, w in zip(r, widths)).rstrip())
+
+
+def print_table(header, lines):
+    widths = [max(len(str(r[i])) for r in lines + [header]) for i in range(len(header))]
+    for r in [header] + lines:
+        print("  ".join(str(c).ljust(w) for c, w in zip(r, widths)).rstrip())
+
+
+print_table(("figure", "mode", "median", "baseline", "ratio", "target", ""), rows)
+
+# Growth: each figure at 10, 100 and 1,000 services. The noise is half the
+# interquartile range of the runs (or the coefficient of variation of a
+# benchmark's repetitions) over the median. A figure measured in rounds
+# beside its baseline has as its ratio the median of the rounds' own ratios,
+# which a load that changes during the run moves less than the medians'.
+SIZES = (10, 100, 1000)
+growth = {n: figures(f"growth/{n}/figures") for n in SIZES}
+
+
+def sampled(name, n):
+    runs = growth[n].get(name)
+    if not runs:
+        return None, ""
+    q = statistics.quantiles(runs, n=4) if len(runs) > 1 else [runs[0]] * 3
+    med = statistics.median(runs)
+    return med, f"±{50 * (q[2] - q[0]) / med:.0f}% ({len(runs)})"
+
+
+def benchmarked(name, n):
+    run = f"{name}/services:{n}" + ("/iterations:1" if "StopAll" in name else "") + "/real_time"
+    med = median_us(systemd, run)
+    cv = cv_percent(systemd, run)
+    return med, (f"±{cv:.0f}% cv" if cv is not None else "")
+
+
+def ms(us):
+    if us is None:
+        return "n/a"
+    return f"{us / 1e3:.{3 if us < 1e3 else 2 if us < 1e4 else 1}f} ms"
+
+
+grows = []
+
+
+def paired_ratio(name, base_name, n):
+    ours, theirs = growth[n].get(name, []), growth[n].get(base_name, [])
+    if not ours or len(ours) != len(theirs):
+        return None
+    return statistics.median(a / b for a, b in zip(ours, theirs))
+
+
+def growth_rows(figure, measure, base_name, base, targets, pairs=None):
+    """`base(n)`: the baseline (value, noise) at n, or None for the figure
+    at 10; `targets[n]`: (ratio, absolute µs or None) the figure must meet;
+    `pairs`: the names of the figure's and the baseline's rounds."""
+    at10 = measure(10)[0]
+    for n in SIZES:
+        value, noise = measure(n)
+        b, bnoise = base(n) if base else (at10, "")
+        ratio = value / b if value is not None and b else None
+        if pairs and paired_ratio(*pairs, n) is not None:
+            ratio = paired_ratio(*pairs, n)
+        growth_ratio = value / at10 if n == 1000 and value is not None and at10 else None
+        verdict = ""
+        target = ""
+        if n in targets:
+            limit, absolute = targets[n]
+            target = f"<= {limit}x" + (f", <= {absolute / 1e3:.0f} ms" if absolute else "")
+            ok = ratio is not None and ratio <= limit and (not absolute or value <= absolute)
+            verdict = "met" if ok else "MISSED"
+        base_text = f"{base_name} {ms(b)}" + (f" {bnoise}" if bnoise else "")
+        grows.append((figure if n == 10 else "", n, ms(value), noise,
+                      base_text if base or n != 10 else "",
+                      f"{ratio:.2f}x" if ratio is not None and (base or n != 10) else "",
+                      f"{growth_ratio:.2f}x" if growth_ratio is not None else "", target,
+                      verdict))
+
+
+growth_rows("start-up to answering", lambda n: sampled("startup_us", n), "at 10:", None,
+            {1000: (5, 300e3)})
+for figure, ours, theirs in (
+        ("enable+disable, prefs in memory", "switch_memory_tessaryctl_us",
+         "switch_memory_systemctl_us"),
+        ("enable+disable, prefs on disk", "switch_tessaryctl_us", "switch_systemctl_us")):
+    growth_rows(figure, lambda n, o=ours: sampled(o, n), "systemctl start+stop",
+                lambda n, t=theirs: sampled(t, n), {100: (1.2, None), 1000: (1.5, None)},
+                (ours, theirs))
+growth_rows("tessaryctl --json list", lambda n: sampled("list_tessaryctl_us", n),
+            "list-units --all --output=json", lambda n: sampled("list_systemctl_us", n),
+            {1000: (2, None)}, ("list_tessaryctl_us", "list_systemctl_us"))
+growth_rows("sync (decision pass)", lambda n: benchmarked("BM_SyncGrowth", n), "at 10:", None,
+            {1000: (3, None)})
+growth_rows("stop of all", lambda n: benchmarked("BM_StopAllGrowth", n), "at 10:", None, {})
+if any(growth.values()):
+    print()
+    print_table(("growth", "services", "median", "noise", "baseline", "ratio", "1000/10",
+                 "target", ""), grows)

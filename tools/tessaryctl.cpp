@@ -468,26 +468,62 @@ void printReadable(const Command& c, const plist::Value& result) {
     }
 }
 
-// The labels of the services created at run time, from the daemon's
-// preferences, which only root may read; nothing when they cannot be read.
-// The daemon's list does not tell them apart, and a front end offers
-// "destroy" for these only.
-std::optional<plist::Value> dynamicLabels() {
+// The labels the app's own definitions give, taken as the daemon's loading
+// takes them: files named "*.plist" in the definitions directory, it and
+// they writable by root alone, that hold a dictionary with a "Label".
+// Nothing when one of them cannot be read.
+std::optional<std::set<std::string>> builtInLabels() {
     const tessary::Paths paths;
-    if (::access(paths.preferencesFile().c_str(), R_OK) != 0) {
-        return std::nullopt;
-    }
     tessary::linux_backend::PosixFileOperations files;
-    tessary::linux_backend::SyslogSystemLog log;
-    const tessary::TYSupervisorPreferences preferences(paths, files, log);
-    const std::optional<plist::Value> dynamic = preferences.dynamicServices();
-    std::vector<std::string> labels;
-    for (const plist::Value& d : plist::arrayOf(dynamic ? &*dynamic : nullptr)) {
-        if (const plist::Value* label = d.find("Label"); label != nullptr && label->isString()) {
-            labels.push_back(*label->string());
+    const std::string directory = paths.builtInDefinitions();
+    std::set<std::string> labels;
+    if (!files.writableOnlyByRoot(directory)) {
+        return labels;
+    }
+    auto names = files.listDirectory(directory);
+    for (const std::string& name : names ? names.value() : std::vector<std::string>{}) {
+        const std::string path = directory + "/" + name;
+        const auto dot = name.find_last_of('.');
+        if (dot == std::string::npos || dot == 0 || name.substr(dot + 1) != "plist" ||
+            !files.writableOnlyByRoot(path)) {
+            continue;
+        }
+        auto bytes = files.readFile(path);
+        if (!bytes) {
+            return std::nullopt;
+        }
+        auto definition = plist::decode(std::span<const std::uint8_t>(bytes.value()));
+        if (const std::string* label = definition && definition.value().isDictionary()
+                                           ? definition.value().stringAt("Label")
+                                           : nullptr) {
+            labels.insert(*label);
         }
     }
-    return plist::Value(plist::stringArray(labels));
+    return labels;
+}
+
+// Of the listed `labels`, those of the services created at run time, for
+// root, who may read the daemon's preferences that keep them; nothing for
+// others. The daemon's list does not tell them apart, and a front end offers
+// "destroy" for these only. They are the services no definition of the app
+// names: the daemon loads the app's first, and a created service never takes
+// a label in use. So the preferences, which hold every created service's
+// whole definition, need not be read for their labels.
+std::optional<plist::Value> dynamicLabels(const std::vector<std::string>& labels) {
+    if (::access(tessary::Paths().preferencesFile().c_str(), R_OK) != 0) {
+        return std::nullopt;
+    }
+    const auto builtIn = builtInLabels();
+    if (!builtIn) {
+        return std::nullopt;
+    }
+    std::vector<std::string> created;
+    for (const std::string& label : labels) {
+        if (builtIn->count(label) == 0) {
+            created.push_back(label);
+        }
+    }
+    return plist::Value(plist::stringArray(created));
 }
 
 // The list with what the service manager says of each service, under
@@ -506,7 +542,7 @@ plist::Value withUnitStates(const plist::Value& list) {
     }
     plist::Dictionary out = plist::dictionaryOf(&list);
     out.insert_or_assign("states", plist::Value(std::move(states)));
-    if (auto dynamic = dynamicLabels()) {
+    if (auto dynamic = dynamicLabels(labels)) {
         out.insert_or_assign("dynamicServices", std::move(*dynamic));
     }
     return plist::Value(std::move(out));

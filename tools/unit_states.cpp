@@ -5,6 +5,7 @@
 #include <chrono>
 #include <optional>
 #include <set>
+#include <string_view>
 #include <unordered_map>
 
 #include "platform/linux/sd_handles.h"
@@ -43,20 +44,26 @@ std::optional<ActiveStates> listUnits(sd_bus* bus) {
     if (sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_ARRAY, "(ssssssouso)") <= 0) {
         return std::nullopt;
     }
+    // Field by field: a list of many services reads every unit the manager
+    // holds, and a read by signature would parse the signature for each.
     ActiveStates units;
-    const char* name = nullptr;
-    const char* description = nullptr;
-    const char* load = nullptr;
-    const char* active = nullptr;
-    const char* sub = nullptr;
-    const char* following = nullptr;
-    const char* path = nullptr;
-    std::uint32_t jobId = 0;
-    const char* jobType = nullptr;
-    const char* jobPath = nullptr;
-    while (sd_bus_message_read(reply.get(), "(ssssssouso)", &name, &description, &load, &active,
-                               &sub, &following, &path, &jobId, &jobType, &jobPath) > 0) {
-        units.emplace(name, active);
+    for (;;) {
+        int r = sd_bus_message_enter_container(reply.get(), SD_BUS_TYPE_STRUCT, "ssssssouso");
+        if (r <= 0) {
+            break;
+        }
+        constexpr std::string_view kTypes = "ssssssouso";
+        const char* fields[kTypes.size()] = {};
+        std::uint32_t jobId = 0;
+        for (std::size_t i = 0; r >= 0 && i < kTypes.size(); ++i) {
+            r = sd_bus_message_read_basic(
+                reply.get(), kTypes[i],
+                kTypes[i] == 'u' ? static_cast<void*>(&jobId) : static_cast<void*>(&fields[i]));
+        }
+        if (r < 0 || sd_bus_message_exit_container(reply.get()) < 0) {
+            break;
+        }
+        units.emplace(fields[0], fields[3]);
     }
     return units;
 }
@@ -113,15 +120,21 @@ std::map<std::string, std::string> unitStates(const std::vector<std::string>& la
             }
         }
     }
-    const auto stateOf = [&](const std::string& unit) {
+    // One name at a time in one buffer: a list of many services looks up
+    // four units for each.
+    std::string unit;
+    const std::string inactive = "inactive";
+    const auto stateOf = [&](const std::string& label,
+                             std::string_view suffix) -> const std::string& {
+        unit.assign(label).append(suffix);
         auto it = units->find(unit);
-        return it != units->end() ? it->second : std::string("inactive");
+        return it != units->end() ? it->second : inactive;
     };
     for (const std::string& label : valid) {
-        const std::string service = stateOf(label + ".service");
-        const std::string socket = stateOf(label + ".socket");
-        const std::string timer = stateOf(label + ".timer");
-        const std::string path = stateOf(label + ".path");
+        const std::string& service = stateOf(label, ".service");
+        const std::string& socket = stateOf(label, ".socket");
+        const std::string& timer = stateOf(label, ".timer");
+        const std::string& path = stateOf(label, ".path");
         std::string state = "stopped";
         if (service == "failed" || socket == "failed" || timer == "failed" || path == "failed") {
             state = "failed";

@@ -63,7 +63,14 @@ TYSupervisedJob::TYSupervisedJob(TYSupervisedService& service, const Value& dict
     variables.insert_or_assign(kInstallPathPrefixVariable, Value(Paths::kInstallPathPrefix));
     m.insert_or_assign(kEnvironmentVariables, Value(std::move(variables)));
 
-    dictionary_.set(Value(std::move(m)));
+    label_ = job;
+    setDictionary(Value(std::move(m)));
+}
+
+void TYSupervisedJob::setDictionary(plist::Value dictionary) {
+    hasProgram_ =
+        dictionary.find(kProgramArguments) != nullptr || dictionary.find(kProgram) != nullptr;
+    dictionary_.set(std::move(dictionary));
 }
 
 ModelEnvironment& TYSupervisedJob::env() const {
@@ -72,12 +79,6 @@ ModelEnvironment& TYSupervisedJob::env() const {
 
 std::string TYSupervisedJob::serviceLabel() const {
     return service_.label();
-}
-
-std::string TYSupervisedJob::label() const {
-    const Value d = dictionary();
-    const std::string* l = d.stringAt(kLabel);
-    return l != nullptr ? *l : std::string();
 }
 
 std::optional<Value> TYSupervisedJob::programArguments() const {
@@ -160,10 +161,10 @@ void TYSupervisedJob::setStartCalendarIntervals(const std::optional<Value>& inte
 }
 
 Answer TYSupervisedJob::loaded() const {
-    if (!programArguments()) {
+    if (!hasProgram_) {
         return Answer::Yes;
     }
-    return env().serviceManager.jobIsEnabled(label());
+    return env().serviceManager.jobIsEnabled(label_);
 }
 
 void TYSupervisedJob::submit() const {

@@ -23,7 +23,6 @@ class TYSupervisedJob {
 
     TYSupervisedService& service() const { return service_; }
     plist::Value dictionary() const { return dictionary_.get(); }
-    void setDictionary(plist::Value dictionary) { dictionary_.set(std::move(dictionary)); }
 
     bool transient() const { return transient_; }
     void setTransient(bool v) { transient_ = v; }
@@ -33,7 +32,7 @@ class TYSupervisedJob {
     void setUnloadOnSleep(bool v) { unloadOnSleep_ = v; }
 
     // "Label", or empty when the dictionary has none.
-    std::string label() const;
+    std::string label() const { return label_; }
     // "ProgramArguments", else a one-element array of "Program", else none:
     // a job with none is a placeholder that is never submitted or removed and
     // always counts as loaded.
@@ -57,6 +56,8 @@ class TYSupervisedJob {
     static void removeSupervisorJob(ModelEnvironment& env);
 
   private:
+    // Changes only the overridden keys, never "Label".
+    void setDictionary(plist::Value dictionary);
     ModelEnvironment& env() const;
     std::string serviceLabel() const;
     void replaceKey(const char* key, const std::optional<plist::Value>& value);
@@ -64,6 +65,10 @@ class TYSupervisedJob {
 
     TYSupervisedService& service_;
     Guarded<plist::Value> dictionary_;
+    // Read by every decision pass for every service: kept beside the
+    // dictionary rather than looked up in it each time.
+    std::string label_;
+    std::atomic<bool> hasProgram_{false};
     std::atomic<bool> transient_{false};
     std::atomic<bool> preventsSleep_{false};
     std::atomic<bool> unloadOnSleep_{false};

@@ -19,9 +19,21 @@ plist::Value sleepAssertionProperties(const std::string& name) {
 
 }  // namespace
 
+std::atomic<int> TYSupervisedService::withComponents_{0};
+
 TYSupervisedService::TYSupervisedService(ServiceOwner& supervisor, const plist::Value& dictionary,
                                          std::vector<ServicePtr> components)
-    : supervisor_(supervisor), components_(std::move(components)), dictionary_(dictionary) {}
+    : supervisor_(supervisor), components_(std::move(components)), dictionary_(dictionary) {
+    if (!components_.empty()) {
+        ++withComponents_;
+    }
+}
+
+TYSupervisedService::~TYSupervisedService() {
+    if (!components_.empty()) {
+        --withComponents_;
+    }
+}
 
 std::shared_ptr<TYSupervisedService> TYSupervisedService::make(ServiceOwner& supervisor,
                                                                const plist::Value& dictionary,
@@ -71,7 +83,14 @@ bool TYSupervisedService::hasComponentServiceAtDepth(const TYSupervisedService& 
     return false;
 }
 
+// A service is needed when an enabled one lists itself among its components
+// (at any depth); one without components never does. That a service with
+// components exists is counted as it is made, so a pass over many services
+// does not walk the whole list for each.
 bool TYSupervisedService::needed() const {
+    if (withComponents_ == 0) {
+        return false;
+    }
     const ServiceList all = supervisor_.services();
     if (!all) {
         return false;

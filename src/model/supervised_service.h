@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -13,7 +15,25 @@
 namespace tessary {
 
 using JobPtr = std::shared_ptr<TYSupervisedJob>;
-using JobList = std::vector<JobPtr>;
+
+// A service's jobs, shared: a copy, which every predicate of a pass takes,
+// costs a reference count rather than a new list.
+class JobList {
+  public:
+    JobList() = default;
+    JobList(std::initializer_list<JobPtr> jobs)
+        : jobs_(std::make_shared<const std::vector<JobPtr>>(jobs)) {}
+    std::vector<JobPtr>::const_iterator begin() const { return all().begin(); }
+    std::vector<JobPtr>::const_iterator end() const { return all().end(); }
+    const JobPtr& front() const { return all().front(); }
+
+  private:
+    const std::vector<JobPtr>& all() const {
+        static const std::vector<JobPtr> none;
+        return jobs_ ? *jobs_ : none;
+    }
+    std::shared_ptr<const std::vector<JobPtr>> jobs_;
+};
 
 // One background service as the daemon supervises it: its definition, its
 // one job, the user's switch, and predicates computed afresh on every call.
@@ -82,10 +102,17 @@ class TYSupervisedService : public std::enable_shared_from_this<TYSupervisedServ
 
     TYSupervisedService(ServiceOwner& supervisor, const plist::Value& dictionary,
                         std::vector<ServicePtr> components);
+    ~TYSupervisedService();
+    TYSupervisedService(const TYSupervisedService&) = delete;
+    TYSupervisedService& operator=(const TYSupervisedService&) = delete;
 
   private:
     bool hasComponentServiceAtDepth(const TYSupervisedService& service, int depth) const;
     ModelEnvironment& env() const { return supervisor_.environment(); }
+
+    // How many services in the process have components: while none has,
+    // no service is needed, and `needed` need not walk the list.
+    static std::atomic<int> withComponents_;
 
     bool on_ = false;  // main thread only
     std::uint32_t denySleepAssertion_ = 0;

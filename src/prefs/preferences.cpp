@@ -66,10 +66,12 @@ struct TYSupervisorPreferences::Read {
 // (device, inode, size, modification and change times to the nanosecond) is
 // that of the file decoded last holds what it held then. The daemon's own
 // writes replace the file by rename, a new inode each time; an edit in place
-// changes its size or times; either is decoded anew. The identity is taken
-// before and after the bytes are read, and a file that changed in between,
-// or so recently that its times could still stay the same, is not
-// remembered.
+// changes its size or times; either is read anew. Bytes equal to those of the
+// daemon's last write hold the dictionary they were written from (what
+// decodes from a written list is what was written), so only a file someone
+// else wrote is decoded. The identity is taken before and after the bytes
+// are read, and a file that changed in between, or so recently that its
+// times could still stay the same, is not remembered.
 TYSupervisorPreferences::Read TYSupervisorPreferences::read() const {
     const std::string path = paths_.preferencesFile();
     auto before = files_.attributes(path);
@@ -88,7 +90,15 @@ TYSupervisorPreferences::Read TYSupervisorPreferences::read() const {
         return {Read::Outcome::Unreadable, std::nullopt, bytes.error()};
     }
     Read read{Read::Outcome::Parsed, std::nullopt, {}};
-    auto decoded = plist::decode(std::span<const std::uint8_t>(bytes.value()));
+    std::optional<Value> ownWrite;
+    {
+        std::lock_guard lock(decodedMutex_);
+        if (written_ && written_->bytes == bytes.value()) {
+            ownWrite = written_->value;
+        }
+    }
+    auto decoded = ownWrite ? Result<Value>(std::move(*ownWrite))
+                            : plist::decode(std::span<const std::uint8_t>(bytes.value()));
     if (!decoded) {
         read = {Read::Outcome::Unparseable, std::nullopt, decoded.error()};
     } else if (!decoded.value().isDictionary()) {
@@ -143,8 +153,10 @@ bool TYSupervisorPreferences::writePreferences(const Dictionary& preferences) co
         // Whatever the file holds after this, it is read and decoded anew.
         std::lock_guard lock(decodedMutex_);
         decoded_.reset();
+        written_.reset();
     }
-    auto bytes = plist::encode(Value(preferences), plist::Format::Xml);
+    Value value(preferences);
+    auto bytes = plist::encode(value, plist::Format::Xml);
     if (!bytes) {
         log_.error("ERROR: Failure serializing preferences: %@", bytes.error());
         return false;
@@ -153,6 +165,10 @@ bool TYSupervisorPreferences::writePreferences(const Dictionary& preferences) co
     if (Status written = files_.writeFileAtomically(path, bytes.value()); !written) {
         log_.error("ERROR: Failure writing preferences: %@", written.error());
         return false;
+    }
+    {
+        std::lock_guard lock(decodedMutex_);
+        written_ = Written{std::move(bytes).value(), std::move(value)};
     }
     if (Status chmodded = files_.setPermissions(path, kPreferencesMode); !chmodded) {
         log_.error("ERROR: Failure setting preferences attributes: %@", chmodded.error());

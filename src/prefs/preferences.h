@@ -111,8 +111,14 @@ class TYSupervisorPreferences {
         std::optional<plist::Value> value;
         Error error;
     };
+    // The bytes of the last write and the dictionary they were made from.
+    struct Written {
+        plist::Bytes bytes;
+        plist::Value value;
+    };
     mutable std::mutex decodedMutex_;
     mutable std::optional<Decoded> decoded_;
+    mutable std::optional<Written> written_;
 };
 
 }  // namespace tessary

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # What tessaryctl says of each refusal of the running daemon (under
 # daemon-sandbox.sh), of usage errors, and what list shows beside a label that
-# can name no unit.
+# can name no unit, a created service's among them.
 #
 #   client-messages.sh TESSARYCTL
 set -uo pipefail
@@ -71,6 +71,7 @@ table <<'TABLE'
 0|*enabled   running                   com.example.probe\n*|"$ctl" list
 0|*enabled   invalid                   x y\n*|"$ctl" list
 0|*"states":{*"com.example.probe":"running",*"x y":"invalid"}*|"$ctl" --json list
+0|*"dynamicServices":\["x y"\]*|"$ctl" --json list
 0|x y|"$ctl" destroy 'x y'
 TABLE
 

@@ -115,6 +115,18 @@ TEST_F(PreferencesTest, DynamicServicesAndOverrides) {
     prefs.removeDynamicService("a");
     EXPECT_EQ(prefs.dynamicServices().value(), Value(Array{b}));
 
+    // The store's own write is not decoded again: what it holds must be what
+    // a fresh reading of the same file gives, for the values that could drift.
+    const Value drift(Dictionary{{"Label", Value("c\r\n ")},
+                                 {"r", Value::real(0.1 + 0.2)},
+                                 {"u", Value::unsignedInteger(18446744073709551615U)},
+                                 {"i", Value::integer(-1)},
+                                 {"d", Value::date(plist::Date{-63113904000})},
+                                 {"x", Value::data({0, 255})}});
+    prefs.addDynamicServiceWithDictionary(drift);
+    EXPECT_EQ(prefs.dynamicServices().value(),
+              TYSupervisorPreferences(paths, files, log).dynamicServices().value());
+
     const Value args = strings({"/bin/echo", "hi"});
     prefs.setProgramArgumentsForServiceJob(args, "svc", "job");
     EXPECT_EQ(prefs.programArgumentsForServiceJob("svc", "job").value(), args);
@@ -125,7 +137,8 @@ TEST_F(PreferencesTest, DynamicServicesAndOverrides) {
 
 // Every read sees the file as it is on disk: one unchanged since it was
 // decoded is not read again, and any change (an edit in place of the same
-// size, even at once; a file renamed over it) is seen by the next read.
+// size, even at once, also of the store's own write; a file renamed over it)
+// is seen by the next read.
 TEST_F(PreferencesTest, ReadsSeeTheFileOnDiskAndDecodeOnlyChanges) {
     auto editInPlace = [&](const std::string& from, const std::string& to) {
         std::string text = testing::readFile(paths.preferencesFile());
@@ -145,6 +158,11 @@ TEST_F(PreferencesTest, ReadsSeeTheFileOnDiskAndDecodeOnlyChanges) {
     store({{"enabledServices", strings({"dd"})}}, plist::Format::Xml, paths.root() + "/new");
     std::filesystem::rename(paths.root() + "/new", paths.preferencesFile());
     EXPECT_TRUE(prefs.serviceIsEnabled("dd"));
+    // What the store wrote itself, changed by another at once, is the other's.
+    prefs.setServiceEnabled("ee", true);
+    editInPlace("ee", "ff");
+    EXPECT_TRUE(prefs.serviceIsEnabled("ff"));
+    EXPECT_FALSE(prefs.serviceIsEnabled("ee"));
 }
 
 // Every mutator on every kind of file is the fuzzer's; here, the line each

@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include <fstream>
+#include <future>
 #include <map>
 #include <random>
 #include <thread>
@@ -310,11 +311,11 @@ TEST_F(SystemdServiceManagerTest, InetdJobServesEachConnectionAndGoesWhole) {
 }
 
 // With a main loop, whether a job is loaded is answered from a picture taken
-// once a turn of the loop. Its answers are those a question by name gives at
-// that moment: through random submits and removals, which the picture
-// follows within a turn, and changes made by others (stops, starts, a unit
-// file gone, a file elsewhere that takes the unit's place), seen from the
-// next turn, every job's answer is compared with a live question.
+// once a turn of the loop, and on other threads from the units the manager
+// holds. The answers are those a question by name gives at that moment: through random submits and
+// removals, which the picture follows within a turn, and changes made by others (stops, starts, a
+// unit file gone, a file elsewhere that takes the unit's place), seen from the next turn, every
+// job's answer is compared with a live question.
 TEST_F(SystemdServiceManagerTest, LoadedAnswersMatchALiveQuestionThroughRandomChanges) {
     sd_event* rawEvent = nullptr;
     ASSERT_GE(sd_event_new(&rawEvent), 0);
@@ -372,8 +373,13 @@ TEST_F(SystemdServiceManagerTest, LoadedAnswersMatchALiveQuestionThroughRandomCh
         }
         for (const auto& each : jobs) {
             const std::string& name = *each.at("Label").string();
-            ASSERT_EQ(looped.jobIsEnabled(name), backend.jobIsEnabled(name))
-                << "step " << step << ", " << name;
+            const Answer live = backend.jobIsEnabled(name);
+            ASSERT_EQ(looped.jobIsEnabled(name), live) << "step " << step << ", " << name;
+            // Off the loop's thread, as the stop of all asks.
+            ASSERT_EQ(
+                std::async(std::launch::async, [&] { return looped.jobIsEnabled(name); }).get(),
+                live)
+                << "step " << step << ", " << name << ", another thread";
         }
     }
     std::filesystem::remove_all(elsewhere);

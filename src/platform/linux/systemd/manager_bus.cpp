@@ -375,20 +375,28 @@ Result<std::vector<std::pair<std::string, UnitState>>> ManagerBus::listUnits(
                 q = -EBADMSG;
                 return;
             }
+            // Field by field: a pass reads every unit the manager holds, and
+            // a read by signature would parse the signature again for each.
             for (;;) {
-                const char* strings[6] = {};
-                const char* path = nullptr;
-                std::uint32_t jobId = 0;
-                const char* jobType = nullptr;
-                const char* jobPath = nullptr;
-                const int e = sd_bus_message_read(reply, "(ssssssouso)", &strings[0], &strings[1],
-                                                  &strings[2], &strings[3], &strings[4],
-                                                  &strings[5], &path, &jobId, &jobType, &jobPath);
+                int e = sd_bus_message_enter_container(reply, 'r', "ssssssouso");
                 if (e <= 0) {
                     q = e < 0 ? -EBADMSG : 0;
                     return;
                 }
-                units.emplace_back(strings[0], UnitState{path, strings[2], strings[3]});
+                const char* fields[10] = {};
+                std::uint32_t jobId = 0;
+                constexpr std::string_view kTypes = "ssssssouso";
+                for (std::size_t i = 0; e >= 0 && i < kTypes.size(); ++i) {
+                    e = sd_bus_message_read_basic(reply, kTypes[i],
+                                                  kTypes[i] == 'u'
+                                                      ? static_cast<void*>(&jobId)
+                                                      : static_cast<void*>(&fields[i]));
+                }
+                if (e < 0 || sd_bus_message_exit_container(reply) < 0) {
+                    q = -EBADMSG;
+                    return;
+                }
+                units.emplace_back(fields[0], UnitState{fields[6], fields[2], fields[3]});
             }
         });
     if (r < 0) {

@@ -60,7 +60,23 @@ Error SystemdServiceManager::notAuthorized(std::string_view what) {
                      " system jobs: the authorization could not be obtained"};
 }
 
+std::optional<Answer> SystemdServiceManager::answerFromPicture(std::string_view label) {
+    if (options_.event == nullptr || !kept_ || std::this_thread::get_id() != home_) {
+        return std::nullopt;
+    }
+    std::uint64_t iteration = 0;
+    if (sd_event_get_iteration(options_.event, &iteration) < 0 || !picture_->current(iteration)) {
+        return std::nullopt;
+    }
+    return picture_->jobAnswer(label);
+}
+
 Answer SystemdServiceManager::jobIsEnabled(std::string_view label) {
+    // Most questions of a pass are answered from its picture alone, without
+    // the connection, the names or the checks a question to the manager needs.
+    if (auto answer = answerFromPicture(label)) {
+        return *answer;
+    }
     if (!checkJobLabel(label)) {
         return Answer::No;  // no unit can have that name
     }
@@ -92,7 +108,19 @@ Answer SystemdServiceManager::jobIsEnabled(std::string_view label) {
                 }
             }
         } else {
-            auto states = bus.unitStates(units);
+            // Off the main loop (the stop of all asks of every service at
+            // once) only the units the manager holds are asked about: one it
+            // does not hold and that has no file of ours is nobody's or
+            // another's, No either way, and a question by name would have the
+            // manager search every unit directory for it and keep an object.
+            auto states =
+                kept.value() == nullptr
+                    ? statesLoadingOnly(bus, units,
+                                        [this](const std::string& unit) {
+                                            return unitFileExists(options_.unitDirectory, unit) ||
+                                                   generatedUnit(options_, unit);
+                                        })
+                    : bus.unitStates(units);
             if (!states) {
                 failure = states.error();
             }

@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -104,6 +105,9 @@ class SystemdServiceManager final : public ServiceManagerClient {
     // The job's own change of its units' origins, or, off the main loop's
     // thread or after a failure, the picture to be taken anew.
     void pictureChanged(const std::vector<std::string>& units, bool own, bool succeeded);
+    // The answer of this pass's picture, on the main loop's thread, when it
+    // needs no question to the manager.
+    std::optional<Answer> answerFromPicture(std::string_view label);
     // The kept connection, on the thread that made the manager; null on any
     // other thread.
     Result<sd_bus*> keptConnection();

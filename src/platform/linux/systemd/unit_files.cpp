@@ -95,7 +95,7 @@ bool unitFileExists(const std::string& directory, const std::string& name) {
     return ::lstat((directory + "/" + name).c_str(), &st) == 0;
 }
 
-bool generatedUnit(const SystemdServiceManagerOptions& options, const std::string& unit) {
+bool generatedUnit(const SystemdServiceManagerOptions& options, std::string_view unit) {
     const std::string& label = options.generatedLabel;
     return !label.empty() && unit.size() > label.size() && unit.starts_with(label) &&
            (unit[label.size()] == '.' || unit[label.size()] == '-');

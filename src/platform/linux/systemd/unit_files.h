@@ -4,6 +4,7 @@
 // directory, and told apart from every other unit the manager has.
 
 #include <string>
+#include <string_view>
 
 #include "base/error.h"
 #include "platform/linux/systemd/systemd_service_manager.h"
@@ -19,7 +20,7 @@ bool unitFileExists(const std::string& directory, const std::string& name);
 
 // Whether `unit` is one of the units the generator makes for the one job
 // it knows (the daemon's own).
-bool generatedUnit(const SystemdServiceManagerOptions& options, const std::string& unit);
+bool generatedUnit(const SystemdServiceManagerOptions& options, std::string_view unit);
 // Whether the manager's file for `unit`, `fragment`, is one of the backend's.
 bool ownFragment(const SystemdServiceManagerOptions& options, const std::string& unit,
                  const std::string& fragment);

@@ -69,34 +69,96 @@ Status UnitPicture::takeUnlessCurrent(ManagerBus& bus, sd_bus* kept, std::uint64
     // answer: the remembered files are as current as the picture.
     while (sd_bus_process(kept, nullptr) > 0) {
     }
-    inMemory_.clear();
+    units_.clear();
+    jobs_.clear();
     for (auto& [name, state] : units.value()) {
-        inMemory_.insert_or_assign(std::move(name), std::move(state));
+        entryFor(name).second.inMemory = std::move(state);
     }
-    files_.clear();
     if (std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(options_.unitDirectory.c_str()),
                                                 &::closedir);
         dir) {
         while (const dirent* entry = ::readdir(dir.get())) {
-            files_.insert(entry->d_name);
+            entryFor(entry->d_name).second.file = true;
         }
     }
-    origins_.clear();
     iteration_ = iteration;
     stale_ = false;
     return {};
 }
 
-Result<Origin> UnitPicture::originOf(ManagerBus& bus, const std::string& unit) {
-    if (auto decided = origins_.find(unit); decided != origins_.end()) {
-        return decided->second;
+UnitPicture::Entry& UnitPicture::entryFor(const std::string& unit) {
+    const auto [it, added] = units_.try_emplace(unit);
+    if (added) {
+        const std::string_view name = it->first;
+        for (const auto& [suffix, slot] : {std::pair{std::string_view(".service"), &Job::service},
+                                           std::pair{std::string_view(".socket"), &Job::socket}}) {
+            if (name.ends_with(suffix)) {
+                jobs_[std::string(name.substr(0, name.size() - suffix.size()))].*slot = &*it;
+            }
+        }
     }
-    const auto known = inMemory_.find(unit);
-    const bool loaded = known != inMemory_.end() && known->second.loadState == "loaded";
-    const bool running = known != inMemory_.end() && known->second.present();
-    Origin origin = Origin::None;
-    if (!loaded && (files_.count(unit) != 0 || generatedUnit(options_, unit))) {
-        // Asked by name, the manager would load it from its file first.
+    return *it;
+}
+
+void UnitPicture::changed(const std::string& unit, Origin origin) {
+    entryFor(unit).second.decided = origin;
+}
+
+std::optional<Origin> UnitPicture::knownOrigin(Entry& entry) {
+    Unit& u = entry.second;
+    if (u.decided) {
+        return u.decided;
+    }
+    const bool loaded = u.inMemory && u.inMemory->loadState == "loaded";
+    if (!loaded && (u.file || generatedUnit(options_, entry.first))) {
+        return std::nullopt;  // asked by name, the manager would load it from its file first
+    }
+    if (!u.inMemory || !u.inMemory->present()) {
+        return Origin::None;
+    }
+    const auto fragment = fragments_.find(entry.first);
+    if (fragment == fragments_.end()) {
+        return std::nullopt;
+    }
+    // Kept: the file is remembered only until a signal says the unit changed.
+    u.decided = fragment->second;
+    return u.decided;
+}
+
+std::optional<Answer> UnitPicture::jobAnswer(std::string_view label) {
+    // The daemon's own units may come from the generator's directory, which
+    // the picture does not read.
+    if (!options_.generatedLabel.empty() && label.starts_with(options_.generatedLabel)) {
+        return std::nullopt;
+    }
+    // A label no unit can carry names nothing the picture holds: No, as the
+    // question would answer.
+    const auto job = jobs_.find(label);
+    if (job == jobs_.end()) {
+        return Answer::No;
+    }
+    bool own = false;
+    for (Entry* entry : {job->second.service, job->second.socket}) {
+        if (entry == nullptr) {
+            continue;  // neither in memory nor a file: nobody's
+        }
+        const auto origin = knownOrigin(*entry);
+        if (!origin) {
+            return std::nullopt;
+        }
+        own = own || *origin == Origin::Own;
+    }
+    return own ? Answer::Yes : Answer::No;
+}
+
+Result<Origin> UnitPicture::originOf(ManagerBus& bus, const std::string& unit) {
+    Entry& entry = entryFor(unit);
+    if (auto known = knownOrigin(entry)) {
+        return *known;
+    }
+    Unit& u = entry.second;
+    const bool loaded = u.inMemory && u.inMemory->loadState == "loaded";
+    if (!loaded && (u.file || generatedUnit(options_, unit))) {
         auto state = bus.unitState(unit);
         if (!state) {
             return state.error();
@@ -105,20 +167,17 @@ Result<Origin> UnitPicture::originOf(ManagerBus& bus, const std::string& unit) {
         if (!asked) {
             return asked.error();
         }
-        origin = asked.value().origin;
-    } else if (running) {
-        auto fragment = fragments_.find(unit);
-        if (fragment == fragments_.end()) {
-            auto path = bus.stringProperty(known->second.path, kUnitInterface, "FragmentPath");
-            if (!path) {
-                return path.error();
-            }
-            fragment = fragments_.insert_or_assign(unit, path.value()).first;
-        }
-        origin = ownFragment(options_, unit, fragment->second) ? Origin::Own : Origin::Foreign;
+        u.decided = asked.value().origin;
+        return *u.decided;
     }
-    origins_[unit] = origin;
-    return origin;
+    // Running, and its file not yet known.
+    auto path = bus.stringProperty(u.inMemory->path, kUnitInterface, "FragmentPath");
+    if (!path) {
+        return path.error();
+    }
+    u.decided = ownFragment(options_, unit, path.value()) ? Origin::Own : Origin::Foreign;
+    fragments_.insert_or_assign(unit, *u.decided);
+    return *u.decided;
 }
 
 }  // namespace tessary::linux_backend

@@ -271,7 +271,8 @@ Status checkJobLabel(std::string_view label) {
     if (label.empty()) {
         return refuse("it is empty");
     }
-    if (serviceUnitName(label).size() > kUnitNameMax) {
+    constexpr std::string_view kServiceSuffix = ".service";
+    if (label.size() + kServiceSuffix.size() > kUnitNameMax) {
         return refuse("with its suffix it is longer than " + std::to_string(kUnitNameMax) +
                       " characters");
     }
@@ -286,7 +287,8 @@ Status checkJobLabel(std::string_view label) {
     if (label.front() == '.') {
         return refuse("a name beginning with '.' is a hidden file the manager skips");
     }
-    if (serviceUnitName(label).find("..") != std::string::npos) {
+    // With its suffix: a label ending in '.' makes "..service".
+    if (label.find("..") != std::string_view::npos || label.back() == '.') {
         return refuse("it must not hold \"..\"");
     }
     if (label.front() == '@') {
