@@ -7,10 +7,7 @@
 // bench/run-daemon-bench.sh (or bench/run-all.sh), which starts the daemon in
 // the sandbox; pinning is done there, for the whole sandbox at once.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -30,6 +27,7 @@
 #include "platform/linux/ipc/peer_identity.h"
 #include "platform/linux/sd_handles.h"
 #include "plist/codec.h"
+#include "run_quietly.h"
 
 extern char** environ;
 
@@ -262,23 +260,6 @@ BENCHMARK(BM_PolkitCheckAuthorization)
     ->UseRealTime();
 
 // ARGV as a whole process, its output dropped; true when it exits with 0.
-bool run(std::vector<std::string> args) {
-    std::vector<char*> argv;
-    for (auto& a : args) {
-        argv.push_back(a.data());
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    pid_t pid = 0;
-    const int r = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    int status = 0;
-    return r == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-           WEXITSTATUS(status) == 0;
-}
-
 // A switch on and off; one of the two is measured, one per repetition.
 struct Switch {
     std::vector<std::string> on;
@@ -301,13 +282,13 @@ void BM_Switch(benchmark::State& state, Switch (*make)(), bool measureOn) {
         if (!measureOn) {
             state.PauseTiming();
         }
-        const bool on = run(s.on);
+        const bool on = bench::runQuietly(s.on);
         if (measureOn) {
             state.PauseTiming();
         } else {
             state.ResumeTiming();
         }
-        const bool off = run(s.off);
+        const bool off = bench::runQuietly(s.off);
         if (measureOn) {
             state.ResumeTiming();
         }

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "client/tessary_client.h"
+#include "run_quietly.h"
 
 extern char** environ;
 
@@ -93,22 +94,8 @@ int load(long count) {
     return 0;
 }
 
-// One command, its output to /dev/null; true when it exits with 0.
-bool run(std::vector<char*> argv) {
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    pid_t pid = 0;
-    const int r = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    int status = 0;
-    return r == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-           WEXITSTATUS(status) == 0;
-}
-
 int timeCommands(const char* name, int argc, char** argv) {
-    std::vector<std::vector<char*>> commands(1);
+    std::vector<std::vector<std::string>> commands(1);
     for (int i = 0; i < argc; ++i) {
         if (std::string(argv[i]) == "--") {
             commands.emplace_back();
@@ -118,8 +105,9 @@ int timeCommands(const char* name, int argc, char** argv) {
     }
     const auto start = Clock::now();
     for (const auto& command : commands) {
-        if (command.empty() || !run(command)) {
-            std::fprintf(stderr, "time: %s failed\n", command.empty() ? "(none)" : command[0]);
+        if (command.empty() || !tessary::bench::runQuietly(command)) {
+            std::fprintf(stderr, "time: %s failed\n",
+                         command.empty() ? "(none)" : command[0].c_str());
             return 1;
         }
     }
