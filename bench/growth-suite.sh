@@ -61,6 +61,22 @@ probe="$build/bench/tessary_daemon_probe"
 ctl="$build/tessaryctl"
 switched=com.example.grown0001
 
+# The daemon in the background until it answers (the socket of an earlier
+# start-up may still be there), and its end, which must find it still running.
+start_daemon() {
+    "$daemon" 2>/run/tessaryd.log &
+    daemon_pid=$!
+    for _ in $(seq 200); do
+        "$ctl" status >/dev/null 2>&1 && break
+        sleep 0.05
+    done
+}
+stop_daemon() {
+    kill -0 "$daemon_pid" || sandbox_fail "tessaryd is gone: $(cat /run/tessaryd.log)"
+    kill "$daemon_pid"
+    wait "$daemon_pid" || true
+}
+
 # The soft descriptor limit the service manager gives a service.
 ulimit -Sn 1024
 "$probe" startup "$daemon" >/dev/null || sandbox_fail "tessaryd did not answer"
@@ -68,13 +84,7 @@ for _ in $(seq "$start_runs"); do
     "$probe" startup "$daemon" >>"$figures"
 done
 
-"$daemon" 2>/run/tessaryd.log &
-daemon_pid=$!
-# The socket of the last start-up is still there: wait for an answer.
-for _ in $(seq 200); do
-    "$ctl" status >/dev/null 2>&1 && break
-    sleep 0.05
-done
+start_daemon
 for _ in $(seq "$rounds"); do
     "$probe" time switch_tessaryctl "$ctl" enable "$switched" -- "$ctl" disable "$switched"
     "$probe" time switch_systemctl systemctl --user start "$ctl_unit" -- \
@@ -83,9 +93,7 @@ for _ in $(seq "$rounds"); do
     "$probe" time list_systemctl systemctl --user list-units --all --output=json
 done >>"$figures"
 
-kill -0 "$daemon_pid" || sandbox_fail "tessaryd is gone: $(cat /run/tessaryd.log)"
-kill "$daemon_pid"
-wait "$daemon_pid" || true
+stop_daemon
 
 # The same switch with the preferences in memory, as the booted machine of
 # tests/machine keeps them (its root is an overlay on a tmpfs): the figure
@@ -93,18 +101,11 @@ wait "$daemon_pid" || true
 cp -a "$out/setup/." /run/tessary-growth-setup
 umount /Library/Tessary/Setup
 cp -a /run/tessary-growth-setup/. /Library/Tessary/Setup/
-"$daemon" 2>/run/tessaryd.log &
-daemon_pid=$!
-for _ in $(seq 200); do
-    "$ctl" status >/dev/null 2>&1 && break
-    sleep 0.05
-done
+start_daemon
 for _ in $(seq "$rounds"); do
     "$probe" time switch_memory_tessaryctl "$ctl" enable "$switched" -- "$ctl" disable "$switched"
     "$probe" time switch_memory_systemctl systemctl --user start "$ctl_unit" -- \
         systemctl --user stop "$ctl_unit"
 done >>"$figures"
-kill -0 "$daemon_pid" || sandbox_fail "tessaryd is gone: $(cat /run/tessaryd.log)"
-kill "$daemon_pid"
-wait "$daemon_pid" || true
+stop_daemon
 sandbox_stop
