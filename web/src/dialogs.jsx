@@ -194,24 +194,24 @@ const wrapped = value =>
     `<plist version="1.0">\n${value}\n</plist>\n`;
 
 export function PlistDialog({ kind, label }) {
-    const spec = PLIST_KINDS[kind];
-    const loaded = useLoaded(() => spec.load(label));
+    const kindInfo = PLIST_KINDS[kind];
+    const loaded = useLoaded(() => kindInfo.load(label));
     const [text, setText] = useState(null);
-    const shown = text ?? (loaded.value === null ? null : loaded.value || wrapped(spec.example));
+    const shown = text ?? (loaded.value === null ? null : loaded.value || wrapped(kindInfo.example));
     const problem = shown === null ? null : problemWith(kind, shown);
 
     return (
         <ActionDialog
-            title={spec.title(label)} actionLabel={_("Save")}
+            title={kindInfo.title(label)} actionLabel={_("Save")}
             variant={ModalVariant.medium} isDisabled={shown === null || problem !== null}
-            perform={() => spec.save(label, shown)}
+            perform={() => kindInfo.save(label, shown)}
         >
             {loaded.error &&
                 <Alert component="h2" variant="danger" isInline title={_("Cannot read the current value")}>{loaded.error}</Alert>}
             {shown === null && !loaded.error && <Spinner size="lg" aria-label={_("Reading the current value")} />}
             {shown !== null &&
                 <Form onSubmit={e => e.preventDefault()}>
-                    {loaded.value === "" && <Text>{spec.none()}</Text>}
+                    {loaded.value === "" && <Text>{kindInfo.none()}</Text>}
                     <FormGroup
                         label={_("Property list")} fieldId="tessary-plist"
                         validated={problem ? "error" : "default"}
@@ -222,7 +222,7 @@ export function PlistDialog({ kind, label }) {
                             id="tessary-plist" className="tessary-xml" value={shown}
                             onChange={setText} rows={14} resizeOrientation="vertical"
                             validated={problem ? "error" : "default"}
-                            aria-label={spec.field()}
+                            aria-label={kindInfo.field()}
                         />
                     </FormGroup>
                 </Form>}
