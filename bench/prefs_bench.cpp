@@ -40,6 +40,16 @@ struct PrefsFixture {
     TYSupervisorPreferences prefs;
 };
 
+// Each figure with no created definition and beside a thousand of them.
+void besideDefinitions(benchmark::internal::Benchmark* b) {
+    b->ArgName("definitions")
+        ->Arg(0)
+        ->Arg(1000)
+        ->Unit(benchmark::kMicrosecond)
+        ->Repetitions(5)
+        ->ReportAggregatesOnly();
+}
+
 void BM_ReadModifyWrite(benchmark::State& state) {
     PrefsFixture f(static_cast<int>(state.range(0)));
     bool on = false;
@@ -48,13 +58,7 @@ void BM_ReadModifyWrite(benchmark::State& state) {
         f.prefs.setServiceEnabled("com.orvane.extra", on);
     }
 }
-BENCHMARK(BM_ReadModifyWrite)
-    ->ArgName("definitions")
-    ->Arg(0)
-    ->Arg(1000)
-    ->Unit(benchmark::kMicrosecond)
-    ->Repetitions(5)
-    ->ReportAggregatesOnly();
+BENCHMARK(BM_ReadModifyWrite)->Apply(besideDefinitions);
 
 void BM_BareRead(benchmark::State& state) {
     PrefsFixture f;
@@ -70,13 +74,7 @@ void BM_ReadAndParse(benchmark::State& state) {
         benchmark::DoNotOptimize(f.prefs.serviceIsEnabled("com.orvane.service.99"));
     }
 }
-BENCHMARK(BM_ReadAndParse)
-    ->ArgName("definitions")
-    ->Arg(0)
-    ->Arg(1000)
-    ->Unit(benchmark::kMicrosecond)
-    ->Repetitions(5)
-    ->ReportAggregatesOnly();
+BENCHMARK(BM_ReadAndParse)->Apply(besideDefinitions);
 
 }  // namespace
 }  // namespace tessary
