@@ -29,12 +29,10 @@
 #include "plist/codec.h"
 #include "run_quietly.h"
 
-extern char** environ;
-
 namespace tessary {
 namespace {
 
-constexpr const char* kSocket = "/run/tessaryd/com.orvane.tessaryd";
+constexpr const char* kSocket = client::kDefaultSocket;
 // The sandbox suite gives the app this RunAtLoad service and writes the unit
 // for systemctl (same command) into the manager's runtime directory.
 constexpr const char* kRunAtLoadService = "com.example.bench00";
@@ -52,7 +50,7 @@ client::Request requestFor(const std::string& command) {
 void BM_DaemonRoundTrip(benchmark::State& state, const std::string& command) {
     auto connection = client::Connection::open(kSocket);
     if (!connection) {
-        state.SkipWithError("no daemon at /run/tessaryd/com.orvane.tessaryd");
+        state.SkipWithError("no daemon at the request socket");
         return;
     }
     const client::Request request = requestFor(command);
@@ -259,7 +257,6 @@ BENCHMARK(BM_PolkitCheckAuthorization)
     ->ReportAggregatesOnly()
     ->UseRealTime();
 
-// ARGV as a whole process, its output dropped; true when it exits with 0.
 // A switch on and off; one of the two is measured, one per repetition.
 struct Switch {
     std::vector<std::string> on;

@@ -9,7 +9,6 @@
 //   tessary_daemon_probe time NAME CMD [ARG...] [-- CMD [ARG...]]...
 //       runs each command in turn, its output dropped, and prints "NAME_us N":
 //       the time of the whole sequence; exits non-zero if any command fails.
-#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
