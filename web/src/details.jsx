@@ -2,7 +2,7 @@
 // job's units as systemd has them, the settings a user may override beside
 // the definition's own values, the definition itself, and its journal.
 /* global cockpit */
-import React, { useEffect, useState } from "react";
+import React, { useEffect } from "react";
 import {
     Alert, Breadcrumb, BreadcrumbItem, Button, Card, CardBody, CardTitle, DescriptionList,
     DescriptionListDescription, DescriptionListGroup, DescriptionListTerm, EmptyState, EmptyStateBody,
@@ -10,25 +10,12 @@ import {
     TableComposable, Tbody, Td, Th, Thead, Tr
 } from "./pf.js";
 
-import { ArgumentsDialog, DestroyDialog, PlistDialog, ResetDialog, useDialogs } from "./dialogs.jsx";
+import { ArgumentsDialog, DestroyDialog, PlistDialog, ResetDialog, useDialogs, useRead } from "./dialogs.jsx";
 import { StateLabel } from "./state.jsx";
 import { journalOf, logsPageOf, unitsOf } from "./systemd.js";
-import { failureText, tessaryctl } from "./tessaryctl.js";
+import { tessaryctl } from "./tessaryctl.js";
 
 const _ = cockpit.gettext;
-
-// Reads with `read` whenever `generation` moves on; keeps the last value
-// while a new read runs.
-function useRead(read, key, generation) {
-    const [state, setState] = useState({ key, value: null, error: null });
-    useEffect(() => {
-        let live = true;
-        read().then(value => live && setState({ key, value, error: null }),
-                    e => live && setState(s => ({ key, value: s.key === key ? s.value : null, error: failureText(e) })));
-        return () => { live = false };
-    }, [key, generation]); // eslint-disable-line react-hooks/exhaustive-deps
-    return state.key === key ? state : { key, value: null, error: null };
-}
 
 const dateFormat = () => new Intl.DateTimeFormat(cockpit.language || undefined,
                                                  { dateStyle: "medium", timeStyle: "medium" });

@@ -22,9 +22,9 @@ export const useDialogs = () => useContext(DialogHost);
 
 // A dialog whose one action runs `perform`; it stays open with the reason
 // when that fails.
-function ActionDialog({
+export function ActionDialog({
     title, actionLabel, danger, perform, onDone, isDisabled, children,
-    variant = ModalVariant.small
+    variant = ModalVariant.small, errorTitle = cockpit.format(_("$0 failed"), actionLabel)
 }) {
     const { close, done } = useDialogs();
     const [running, setRunning] = useState(false);
@@ -57,7 +57,7 @@ function ActionDialog({
         >
             {children}
             {error &&
-                <Alert component="h2" variant="danger" isInline title={cockpit.format(_("$0 failed"), actionLabel)}>{error}</Alert>}
+                <Alert component="h2" variant="danger" isInline title={errorTitle}>{error}</Alert>}
         </Modal>
     );
 }
@@ -101,20 +101,21 @@ export function DemoteDialog() {
     );
 }
 
-// Loads a value with `load` and shows a spinner until it is there.
-function useLoaded(load) {
-    const [state, setState] = useState({ value: null, error: null });
+// Reads with `read` whenever `generation` moves on; keeps the last value
+// while a new read runs.
+export function useRead(read, key, generation) {
+    const [state, setState] = useState({ key, value: null, error: null });
     useEffect(() => {
         let live = true;
-        load().then(value => live && setState({ value, error: null }))
-                .catch(e => live && setState({ value: null, error: failureText(e) }));
+        read().then(value => live && setState({ key, value, error: null }),
+                    e => live && setState(s => ({ key, value: s.key === key ? s.value : null, error: failureText(e) })));
         return () => { live = false };
-    }, []); // eslint-disable-line react-hooks/exhaustive-deps
-    return state;
+    }, [key, generation]); // eslint-disable-line react-hooks/exhaustive-deps
+    return state.key === key ? state : { key, value: null, error: null };
 }
 
 export function ArgumentsDialog({ label }) {
-    const loaded = useLoaded(() => tessaryctl.programArguments(label));
+    const loaded = useRead(() => tessaryctl.programArguments(label), label, 0);
     const [values, setValues] = useState(null);
     const current = values ?? loaded.value?.programArguments ?? null;
 
@@ -195,7 +196,7 @@ const wrapped = value =>
 
 export function PlistDialog({ kind, label }) {
     const kindInfo = PLIST_KINDS[kind];
-    const loaded = useLoaded(() => kindInfo.load(label));
+    const loaded = useRead(() => kindInfo.load(label), label, 0);
     const [text, setText] = useState(null);
     const shown = text ?? (loaded.value === null ? null : loaded.value || wrapped(kindInfo.example));
     const problem = shown === null ? null : problemWith(kind, shown);

@@ -8,7 +8,6 @@ export {
 } from "@patternfly/react-core/dist/esm/components/DescriptionList/index.js";
 export { FormSelect, FormSelectOption } from "@patternfly/react-core/dist/esm/components/FormSelect/index.js";
 export { SearchInput } from "@patternfly/react-core/dist/esm/components/SearchInput/index.js";
-export { List, ListItem } from "@patternfly/react-core/dist/esm/components/List/index.js";
 export { Button } from "@patternfly/react-core/dist/esm/components/Button/index.js";
 export { Card, CardBody, CardTitle } from "@patternfly/react-core/dist/esm/components/Card/index.js";
 export { EmptyState, EmptyStateBody, EmptyStatePrimary } from "@patternfly/react-core/dist/esm/components/EmptyState/index.js";

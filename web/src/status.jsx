@@ -1,13 +1,13 @@
 // The machine's setup status, and setting it up.
 /* global cockpit */
-import React, { useState } from "react";
+import React from "react";
 import {
-    Alert, Button, Card, CardBody, CardTitle, Flex, FlexItem, Label, Modal, ModalVariant, Text,
+    Alert, Button, Card, CardBody, CardTitle, Flex, FlexItem, Label, Text,
     TextContent,
 } from "./pf.js";
 
-import { useDialogs } from "./dialogs.jsx";
-import { failureText, tessaryctl } from "./tessaryctl.js";
+import { ActionDialog, useDialogs } from "./dialogs.jsx";
+import { tessaryctl } from "./tessaryctl.js";
 
 const _ = cockpit.gettext;
 
@@ -30,32 +30,10 @@ const STATUSES = {
 };
 
 function SetUpDialog() {
-    const { close, done } = useDialogs();
-    const [running, setRunning] = useState(false);
-    const [error, setError] = useState(null);
-
-    const setUp = () => {
-        setRunning(true);
-        setError(null);
-        tessaryctl.promote()
-                .then(() => done())
-                .catch(e => {
-                    setError(failureText(e));
-                    setRunning(false);
-                });
-    };
-
     return (
-        <Modal
-            variant={ModalVariant.small} isOpen onClose={close} title={_("Set up this machine")}
-            actions={[
-                <Button
-                       key="setup" variant="primary" onClick={setUp} isLoading={running}
-                       isDisabled={running}
-                >{_("Set up")}
-                </Button>,
-                <Button key="cancel" variant="link" onClick={close}>{_("Cancel")}</Button>,
-            ]}
+        <ActionDialog
+            title={_("Set up this machine")} actionLabel={_("Set up")} errorTitle={_("The set-up failed")}
+            perform={() => tessaryctl.promote()}
         >
             <TextContent>
                 <Text>{_("Setting up runs a promotion of this machine. While it runs, the daemon:")}</Text>
@@ -70,8 +48,7 @@ function SetUpDialog() {
                     <Text component="li">{_("switches on again the services that were on before an update of the app, and starts every service that is switched on.")}</Text>
                 </Text>
             </TextContent>
-            {error && <Alert component="h2" variant="danger" isInline title={_("The set-up failed")}>{error}</Alert>}
-        </Modal>
+        </ActionDialog>
     );
 }
 
