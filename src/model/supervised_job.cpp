@@ -46,15 +46,15 @@ TYSupervisedJob::TYSupervisedJob(TYSupervisedService& service, const Value& dict
     // same definition, so in practice they are the same string.
     const std::string service_label = service.label();
     const std::string* ownLabel = dictionary.stringAt(kLabel);
-    const std::string job = ownLabel != nullptr ? *ownLabel : std::string();
+    label_ = ownLabel != nullptr ? *ownLabel : std::string();
     TYSupervisorPreferences& prefs = env().preferences;
-    if (auto v = prefs.programArgumentsForServiceJob(service_label, job)) {
+    if (auto v = prefs.programArgumentsForServiceJob(service_label, label_)) {
         m.insert_or_assign(kProgramArguments, *v);
     }
-    if (auto v = prefs.socketsForServiceJob(service_label, job)) {
+    if (auto v = prefs.socketsForServiceJob(service_label, label_)) {
         m.insert_or_assign(kSockets, *v);
     }
-    if (auto v = prefs.startCalendarIntervalsForServiceJob(service_label, job)) {
+    if (auto v = prefs.startCalendarIntervalsForServiceJob(service_label, label_)) {
         m.insert_or_assign(kStartCalendarInterval, *v);
     }
 
@@ -63,7 +63,6 @@ TYSupervisedJob::TYSupervisedJob(TYSupervisedService& service, const Value& dict
     variables.insert_or_assign(kInstallPathPrefixVariable, Value(Paths::kInstallPathPrefix));
     m.insert_or_assign(kEnvironmentVariables, Value(std::move(variables)));
 
-    label_ = job;
     setDictionary(Value(std::move(m)));
 }
 
@@ -168,7 +167,7 @@ Answer TYSupervisedJob::loaded() const {
 }
 
 void TYSupervisedJob::submit() const {
-    if (!programArguments()) {
+    if (!hasProgram_) {
         return;
     }
     const std::string name = label();
@@ -180,7 +179,7 @@ void TYSupervisedJob::submit() const {
 }
 
 void TYSupervisedJob::remove() const {
-    if (!programArguments()) {
+    if (!hasProgram_) {
         return;
     }
     const std::string name = label();

@@ -195,18 +195,17 @@ Status PosixFileOperations::createDirectory(const std::string& path, bool interm
     return {};
 }
 
-Status PosixFileOperations::copyFile(const std::string& from, const std::string& to) {
-    UniqueFd in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
-    struct stat st {};
-    if (!in || ::fstat(in.get(), &st) != 0) {
-        return failure(errno, "copy", from);
-    }
-    UniqueFd out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, st.st_mode & 07777));
+namespace {
+
+// The bytes of `in` into a new file `to`, created with `createMode` and
+// given `finalMode` once whole, flushed; no file is left when a step fails.
+Status copyInto(int in, const std::string& to, mode_t createMode, mode_t finalMode) {
+    UniqueFd out(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, createMode));
     if (!out) {
         return failure(errno, "copy to", to);
     }
-    int err = copyContents(in.get(), out.get());
-    if (err == 0 && (::fchmod(out.get(), st.st_mode & 07777) != 0 || ::fsync(out.get()) != 0)) {
+    int err = copyContents(in, out.get());
+    if (err == 0 && (::fchmod(out.get(), finalMode) != 0 || ::fsync(out.get()) != 0)) {
         err = errno;
     }
     if (err != 0) {
@@ -214,6 +213,17 @@ Status PosixFileOperations::copyFile(const std::string& from, const std::string&
         return failure(err, "copy to", to);
     }
     return {};
+}
+
+}  // namespace
+
+Status PosixFileOperations::copyFile(const std::string& from, const std::string& to) {
+    UniqueFd in(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat st {};
+    if (!in || ::fstat(in.get(), &st) != 0) {
+        return failure(errno, "copy", from);
+    }
+    return copyInto(in.get(), to, st.st_mode & 07777, st.st_mode & 07777);
 }
 
 Result<std::string> PosixFileOperations::copyBeside(const std::string& from, const std::string& to,
@@ -224,19 +234,9 @@ Result<std::string> PosixFileOperations::copyBeside(const std::string& from, con
     }
     // Its own name, so that two writers never write into, rename or remove
     // each other's copy; closed to everyone else until it is whole.
-    const std::string copy = temporaryNameFor(to);
-    UniqueFd out(::open(copy.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!out) {
-        return failure(errno, "copy to", copy);
-    }
-    int err = copyContents(in.get(), out.get());
-    if (err == 0 &&
-        (::fchmod(out.get(), static_cast<mode_t>(mode)) != 0 || ::fsync(out.get()) != 0)) {
-        err = errno;
-    }
-    if (err != 0) {
-        ::unlink(copy.c_str());
-        return failure(err, "copy to", copy);
+    std::string copy = temporaryNameFor(to);
+    if (Status copied = copyInto(in.get(), copy, 0600, static_cast<mode_t>(mode)); !copied) {
+        return copied.error();
     }
     return copy;
 }
