@@ -126,7 +126,7 @@ Result<std::vector<UnitState>> ManagerBus::unitStatesInMemory(
             [](char c) { return c == '*' || c == '?' || c == '[' || c == '\\'; }, '?');
         patterns.push_back(std::move(unit));
     }
-    auto listed = listUnits("ListUnitsByPatterns", patterns, true);
+    auto listed = unitsMatching(patterns);
     if (!listed) {
         return listed.error();
     }

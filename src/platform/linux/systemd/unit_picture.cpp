@@ -23,9 +23,6 @@ int UnitPicture::onReloading(sd_bus_message* /*m*/, void* userdata, sd_bus_error
 }
 
 Status UnitPicture::follow(sd_bus* kept) {
-    if (kept == followed_) {
-        return {};
-    }
     unfollow();
     struct Match {
         const char* member;
@@ -44,7 +41,6 @@ Status UnitPicture::follow(sd_bus* kept) {
         }
         match.slot.reset(raw);
     }
-    followed_ = kept;
     return {};
 }
 
@@ -52,7 +48,6 @@ void UnitPicture::unfollow() {
     unitNew_.reset();
     unitRemoved_.reset();
     reloading_.reset();
-    followed_ = nullptr;
     fragments_.clear();
     stale_ = true;
 }
@@ -104,13 +99,18 @@ void UnitPicture::changed(const std::string& unit, Origin origin) {
     entryFor(unit).second.decided = origin;
 }
 
+bool UnitPicture::asksByName(const Entry& entry) const {
+    const Unit& u = entry.second;
+    const bool loaded = u.inMemory && u.inMemory->loadState == "loaded";
+    return !loaded && (u.file || generatedUnit(options_, entry.first));
+}
+
 std::optional<Origin> UnitPicture::knownOrigin(Entry& entry) {
     Unit& u = entry.second;
     if (u.decided) {
         return u.decided;
     }
-    const bool loaded = u.inMemory && u.inMemory->loadState == "loaded";
-    if (!loaded && (u.file || generatedUnit(options_, entry.first))) {
+    if (asksByName(entry)) {
         return std::nullopt;  // asked by name, the manager would load it from its file first
     }
     if (!u.inMemory || !u.inMemory->present()) {
@@ -157,26 +157,21 @@ Result<Origin> UnitPicture::originOf(ManagerBus& bus, const std::string& unit) {
         return *known;
     }
     Unit& u = entry.second;
-    const bool loaded = u.inMemory && u.inMemory->loadState == "loaded";
-    if (!loaded && (u.file || generatedUnit(options_, unit))) {
-        auto state = bus.unitState(unit);
-        if (!state) {
-            return state.error();
-        }
-        auto asked = linux_backend::originOf(bus, options_, unit, state.value(), false);
-        if (!asked) {
-            return asked.error();
-        }
-        u.decided = asked.value().origin;
-        return *u.decided;
+    // Either asked by name, which loads it, or running with its file not yet
+    // known; only the latter's file is remembered until the unit changes.
+    const bool byName = asksByName(entry);
+    auto state = byName ? bus.unitState(unit) : Result<UnitState>(*u.inMemory);
+    if (!state) {
+        return state.error();
     }
-    // Running, and its file not yet known.
-    auto path = bus.stringProperty(u.inMemory->path, kUnitInterface, "FragmentPath");
-    if (!path) {
-        return path.error();
+    auto asked = linux_backend::originOf(bus, options_, unit, state.value(), false);
+    if (!asked) {
+        return asked.error();
     }
-    u.decided = ownFragment(options_, unit, path.value()) ? Origin::Own : Origin::Foreign;
-    fragments_.insert_or_assign(unit, *u.decided);
+    u.decided = asked.value().origin;
+    if (!byName) {
+        fragments_.insert_or_assign(unit, *u.decided);
+    }
     return *u.decided;
 }
 

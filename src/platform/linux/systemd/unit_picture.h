@@ -108,6 +108,9 @@ class UnitPicture {
     };
 
     // Whose the unit of `entry` is, when the picture tells it alone.
+    // A unit the manager has not loaded but could from a file: only a
+    // question by name says what it would be.
+    bool asksByName(const Entry& entry) const;
     std::optional<Origin> knownOrigin(Entry& entry);
     Entry& entryFor(const std::string& unit);
 
@@ -120,7 +123,6 @@ class UnitPicture {
     // by its FragmentPath, until the manager reloads, drops or makes the
     // unit anew.
     ByName<Origin> fragments_;
-    sd_bus* followed_ = nullptr;
     SdBusSlotPtr unitNew_;
     SdBusSlotPtr unitRemoved_;
     SdBusSlotPtr reloading_;
